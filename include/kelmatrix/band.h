@@ -1,0 +1,54 @@
+// KELMATRIX native band solvers
+// The library's own band Cholesky with dropped pivots, its cyclic (bordered) extension, a
+// bordered banded solve driver over LAPACK, and Kronecker-product band solvers.
+//
+// The native routines read and write matrices only through the virtual element accessor, so
+// they serve dense, band and user-derived storage alike; only the diagonal and upper band are
+// touched. They never fail: a pivot d below the tolerance is dropped (its diagonal becomes -1.0)
+// and its unknown solves to 0, so the count of accepted pivots is the numerical rank. A band
+// width argument <= 0 means the matrix's recorded upper band width, or its order if that is < 1.
+// Summation orders are fixed; results are reproducible bit for bit.
+#ifndef KELMATRIX_BAND_H
+#define KELMATRIX_BAND_H
+
+#include "kelmatrix/matrix.h"
+
+/// Factors A = U^T U in place over the upper band of width bandWidth (n = A.rows). A pivot with
+/// d < tol (tested before the square root; d == tol and NaN are accepted) is dropped: A(i,i)
+/// becomes -1.0 and the rest of row i keeps its input. Returns the number of accepted pivots.
+KELMATRIX_API int Cholesky_factor(KelGenericMatrix& A, int bandWidth, double tol);
+/// Solves A X = B in place in B with the factor from Cholesky_factor (same bandWidth), column by
+/// column, forward then backward; unknowns of dropped pivots are 0.
+KELMATRIX_API void Cholesky_subst(KelGenericMatrix& A, int bandWidth, KelMatrix& B);
+
+/// Factors in place a matrix of order n whose leading n-m block is a band of half-bandwidth
+/// bandWidth and whose last m rows and columns are a dense border (a cyclic band matrix with its
+/// wrap-around unknowns ordered last). Only the upper triangle is read. Returns the count of
+/// accepted pivots of the m x m Schur complement only (the band block's count is not reported).
+KELMATRIX_API int cyclic_Cholesky_factor(KelGenericMatrix& A, int bandWidth, int m, double tol);
+/// Solves in place in B (n rows) with the factor from cyclic_Cholesky_factor (same bandWidth, m).
+KELMATRIX_API void cyclic_Cholesky_subst(KelGenericMatrix& A, int bandWidth, int m, KelMatrix& B);
+/// Solves A X = B for a symmetric bordered band matrix through a Schur complement over LAPACK:
+/// band block of order nb with half-bandwidth bandWidth / 2 (truncated), border of n - nb. Reads
+/// only the upper band, border columns and upper corner of A. A negative definite Schur
+/// complement is negated first. A and B never change; X (B.rows x B.cols) is written only when
+/// every LAPACK call succeeds.
+KELMATRIX_API bool SolveBSP_Cyclic(const KelMatrix& A, const KelMatrix& B, int nb, int bandWidth,
+                                   KelMatrix& X);
+
+/// Solves (A kron B) y = x in place for each of the X.cols / A.rows groups of A.rows columns of X
+/// (X has B.rows rows; group k read column-major is one right-hand side), without forming the
+/// product: Y = B^-1 X A^-1 by two SolveBSP calls. A and B as SolveBSP requires (SPD, kl = 0).
+/// copyInputs true: A, B and X are unchanged on failure; false: A and B are factored in place.
+KELMATRIX_API bool Solve_Kronecker(const KelMatrixBanded& A, const KelMatrixBanded& B,
+                                   KelMatrix& X, bool copyInputs);
+/// Overwrites each column x of X (U1.rows * U2.rows rows, block i = rows i*q .. i*q+q-1) with y
+/// solving (U1 kron U2)^T y = x, U1 and U2 being factors from Cholesky_factor of outer band width
+/// w1 and inner w2. w1 <= 0 means U1.rows; w2 <= 0 means U2.rows.
+KELMATRIX_API void kronecker_lower_substitute(int w1, int w2, KelGenericMatrix& U1,
+                                              KelGenericMatrix& U2, KelMatrix& X);
+/// As kronecker_lower_substitute for (U1 kron U2) y = x. Deliberate: w2 <= 0 means U1.rows here.
+KELMATRIX_API void kronecker_upper_substitute(int w1, int w2, KelGenericMatrix& U1,
+                                              KelGenericMatrix& U2, KelMatrix& X);
+
+#endif

@@ -1,0 +1,54 @@
+// KELMATRIX aligned work buffer (internal)
+// The one RAII owner of the temporary arrays handed to MKL.
+//
+// A buffer of c doubles is a block of c + 8 doubles used from next_aligned_adr of the block,
+// exactly as the matrices allocate, and is released by the destructor on every path (an
+// allocation failure of a later buffer included).
+#ifndef KELMATRIX_ALIGNED_BUFFER_H
+#define KELMATRIX_ALIGNED_BUFFER_H
+
+#include <cstring>
+
+#include "storage_access.h"
+
+namespace kelmatrix {
+namespace internal {
+
+class AlignedBuffer {
+public:
+    AlignedBuffer() = default;
+    explicit AlignedBuffer(long long count) { allocate(count); }
+    ~AlignedBuffer() { delete[] raw_; }
+    AlignedBuffer(const AlignedBuffer&) = delete;
+    AlignedBuffer& operator=(const AlignedBuffer&) = delete;
+
+    /// A fresh buffer of count doubles (unzeroed); any earlier one is released.
+    double* allocate(long long count)
+    {
+        delete[] raw_;
+        raw_ = nullptr;
+        raw_ = allocate_block(count);
+        data_ = next_aligned_adr(raw_);
+        return data_;
+    }
+
+    /// A buffer of count doubles holding the first m.GetStorageSize() doubles of m.
+    double* copy_of(const KelGenericMatrix& m, long long count)
+    {
+        allocate(count);
+        if (m.GetStorageSize() > 0)
+            std::memcpy(data_, m.GetElements(), sizeof(double) * m.GetStorageSize());
+        return data_;
+    }
+
+    double* data() const { return data_; }
+
+private:
+    double* raw_ = nullptr;
+    double* data_ = nullptr;
+};
+
+} // namespace internal
+} // namespace kelmatrix
+
+#endif

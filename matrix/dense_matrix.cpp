@@ -1,0 +1,116 @@
+// KELMATRIX dense matrix
+// Column-major dense storage with symmetric mirroring, deep copies, conversions and scaling.
+//
+// Element (i, j) lies at elements[rows * j + i]; with the symmetric flag the accessors mirror
+// into the stored triangle. The band-to-dense and packed-to-dense assignments keep the source's
+// storage count, zero only that many doubles and do not release the target's previous block:
+// deliberate quirks of the interface that later SetZero, copies and scaling observe.
+#include <algorithm>
+#include <cstring>
+
+#include "storage_access.h"
+
+using kelmatrix::internal::StorageAccess;
+
+namespace {
+
+// Doubles a converted dense target is given: rows x cols, but never fewer than the source's
+// count that is zero-filled, and room for the out-of-shape writes that the conversion loops
+// make for non-square shapes, so those stay inside the block.
+long long conversion_block(int rows, int cols, int source_count)
+{
+    long long count = static_cast<long long>(rows) * cols;
+    if (rows != cols) {
+        const long long side = std::max(rows, cols);
+        count = std::max(count, side * side);
+    }
+    return std::max<long long>(count, source_count);
+}
+
+} // namespace
+
+KelMatrix::KelMatrix() = default;
+
+KelMatrix::~KelMatrix() = default;
+
+double& KelMatrix::operator()(int i, int j)
+{
+    if (symmetric && (usesLower ? j > i : i > j))
+        std::swap(i, j);
+    return elements[static_cast<long long>(rowDim) * j + i];
+}
+
+double KelMatrix::operator()(int i, int j) const
+{
+    if (symmetric && (usesLower ? j > i : i > j))
+        std::swap(i, j);
+    return elements[static_cast<long long>(rowDim) * j + i];
+}
+
+KelMatrix& KelMatrix::operator=(const KelMatrix& src)
+{
+    // Deliberate: no self-assignment guard, as the interface documents.
+    StorageAccess::copy_shape_and_flags(*this, src);
+    StorageAccess::replace_block(*this, storageSize);
+    if (storageSize > 0)
+        std::memcpy(elements, src.elements, sizeof(double) * storageSize);
+    return *this;
+}
+
+KelMatrix& KelMatrix::operator=(const KelMatrixPacked& src)
+{
+    const KelGenericMatrix& s = src; // only the base fields and the const accessor are used
+    StorageAccess::copy_shape_and_flags(*this, s);
+    // Deliberate: the previous block is not released.
+    StorageAccess::attach_new_block(*this, conversion_block(rowDim, colDim, storageSize));
+    SetZero(); // the packed count, not rows x cols
+    if (usesLower) {
+        for (int i = 0; i < rowDim; ++i)
+            for (int j = 0; j <= i; ++j)
+                (*this)(i, j) = s(i, j);
+    } else {
+        for (int i = 0; i < rowDim; ++i)
+            for (int j = i; j < colDim; ++j)
+                (*this)(i, j) = s(i, j);
+    }
+    return *this;
+}
+
+KelMatrix& KelMatrix::operator=(const KelMatrixBanded& src)
+{
+    const KelGenericMatrix& s = src;
+    StorageAccess::copy_shape_and_flags(*this, s);
+    // Deliberate: the previous block is not released.
+    StorageAccess::attach_new_block(*this, conversion_block(rowDim, colDim, storageSize));
+    SetZero(); // the band count, not rows x cols
+    const int kl = lowerBandWidth, ku = upperBandWidth;
+    const int i_end = std::max(rowDim, colDim); // the same bound for tall and wide shapes
+    for (int i = 0; i < i_end; ++i)
+        for (int j = std::max(i - kl, 0); j <= std::min(i + ku, colDim - 1); ++j)
+            (*this)(i, j) = s(i, j);
+    return *this;
+}
+
+KelMatrix& KelMatrix::operator*=(double factor)
+{
+    const long long ld = rowDim;
+    if (banded) {
+        // The row count serves as the column count.
+        const int kl = lowerBandWidth, ku = upperBandWidth;
+        for (int j = 0; j < rowDim; ++j)
+            for (int i = std::max(0, j - ku); i < std::min(rowDim, j + kl + 1); ++i)
+                elements[ld * j + i] *= factor;
+    } else if (!symmetric && !triangular) {
+        for (int k = 0; k < storageSize; ++k)
+            elements[k] *= factor;
+    } else if (usesLower) {
+        for (int j = 0; j < rowDim; ++j)
+            for (int i = j; i < rowDim; ++i)
+                elements[ld * j + i] *= factor;
+    } else {
+        for (int j = 0; j < rowDim; ++j)
+            for (int i = 0; i <= j; ++i)
+                elements[ld * j + i] *= factor;
+    }
+    return *this;
+}

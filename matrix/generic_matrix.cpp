@@ -1,0 +1,138 @@
+// KELMATRIX generic matrix and aligned storage
+// The abstract matrix base: shape, band widths, flags and one aligned element block.
+//
+// Allocates count + 8 doubles per block and uses it from the next 32-byte boundary plus the
+// process-wide misalignment. Deliberate quirks kept as the interface: the assignment is shallow,
+// Swap leaves each block with the object that allocated it, and a dense re-dimension keeps an
+// earlier band. Nothing is checked: sizes and indices go straight into products and addresses.
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <utility>
+
+#include "storage_access.h"
+
+namespace {
+int mklMisalignment = 0; // bytes; not synchronised: set it before matrices are created
+}
+
+int kelmatrix_get_mkl_misalignment()
+{
+    return mklMisalignment;
+}
+
+void kelmatrix_set_mkl_misalignment(int bytes)
+{
+    mklMisalignment = bytes;
+}
+
+double* next_aligned_adr(double* p)
+{
+    const std::uintptr_t boundary = (reinterpret_cast<std::uintptr_t>(p) + 31) & ~std::uintptr_t(31);
+    return reinterpret_cast<double*>(boundary + static_cast<std::intptr_t>(mklMisalignment));
+}
+
+namespace kelmatrix {
+namespace internal {
+
+double* allocate_block(long long count)
+{
+    // The 8 spare doubles absorb up to 31 bytes of rounding plus the misalignment.
+    const long long total = count + 8;
+    const long long largest = static_cast<long long>(std::numeric_limits<std::ptrdiff_t>::max() / sizeof(double));
+    if (total < 0 || total > largest)
+        return new double[static_cast<std::size_t>(largest)]; // fails as an allocation failure
+    return new double[static_cast<std::size_t>(total)];
+}
+
+} // namespace internal
+} // namespace kelmatrix
+
+using kelmatrix::internal::StorageAccess;
+
+KelGenericMatrix::KelGenericMatrix()
+    : rowDim(0), colDim(0), lowerBandWidth(-1), upperBandWidth(-1), elements(nullptr),
+      rawStorage(nullptr), storageSize(0), symmetric(0), triangular(0), banded(0), usesLower(0)
+{
+}
+
+KelGenericMatrix::KelGenericMatrix(const KelGenericMatrix& src)
+    : elements(nullptr), rawStorage(nullptr)
+{
+    StorageAccess::copy_shape_and_flags(*this, src);
+    StorageAccess::attach_new_block(*this, storageSize);
+    if (storageSize > 0)
+        std::memcpy(elements, src.elements, sizeof(double) * storageSize);
+}
+
+KelGenericMatrix::~KelGenericMatrix()
+{
+    delete[] rawStorage;
+}
+
+KelGenericMatrix& KelGenericMatrix::operator=(const KelGenericMatrix& src)
+{
+    // Deliberate: shallow. Both objects refer to one block afterwards.
+    StorageAccess::copy_shape_and_flags(*this, src);
+    elements = src.elements;
+    rawStorage = src.rawStorage;
+    return *this;
+}
+
+void KelGenericMatrix::Dimension(int rows, int cols, int kl, int ku)
+{
+    // 32-bit product, wrapping as the int arithmetic of the interface does.
+    storageSize = static_cast<int>(static_cast<unsigned>(rows) * static_cast<unsigned>(cols));
+    StorageAccess::replace_block(*this, storageSize); // never reused, even at the same size
+    rowDim = rows;
+    colDim = cols;
+    if (rows != cols) { // a non-square matrix can be neither
+        symmetric = 0;
+        triangular = 0;
+    }
+    if (kl >= 0 && ku >= 0) { // Deliberate: otherwise an earlier band is kept
+        banded = 1;
+        lowerBandWidth = kl;
+        upperBandWidth = ku;
+    }
+}
+
+void KelGenericMatrix::DimensionSquare(int n, int kl, int ku)
+{
+    Dimension(n, n, kl, ku);
+}
+
+void KelGenericMatrix::SetZero()
+{
+    if (storageSize > 0)
+        std::memset(elements, 0, sizeof(double) * storageSize);
+}
+
+void KelGenericMatrix::SetIdentity()
+{
+    SetZero();
+    const int k_end = rowDim < colDim ? rowDim : colDim;
+    for (int k = 0; k < k_end; ++k)
+        (*this)(k, k) = 1.0;
+}
+
+void KelGenericMatrix::Swap(KelGenericMatrix& other)
+{
+    // Deliberate: rawStorage stays with the object that allocated it.
+    std::swap(rowDim, other.rowDim);
+    std::swap(colDim, other.colDim);
+    std::swap(lowerBandWidth, other.lowerBandWidth);
+    std::swap(upperBandWidth, other.upperBandWidth);
+    std::swap(elements, other.elements);
+    std::swap(storageSize, other.storageSize);
+    const unsigned char s = symmetric, t = triangular, b = banded, l = usesLower;
+    symmetric = other.symmetric;
+    triangular = other.triangular;
+    banded = other.banded;
+    usesLower = other.usesLower;
+    other.symmetric = s;
+    other.triangular = t;
+    other.banded = b;
+    other.usesLower = l;
+}

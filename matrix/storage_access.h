@@ -1,0 +1,57 @@
+// KELMATRIX storage access (internal)
+// The allocation rule and the library's own access to the matrices' protected fields.
+//
+// Every element array and every temporary buffer is allocated as count + 8 doubles and used
+// from next_aligned_adr of the block. A request whose size cannot be represented asks for the
+// largest size instead, so that it fails as an allocation failure rather than wrapping.
+#ifndef KELMATRIX_STORAGE_ACCESS_H
+#define KELMATRIX_STORAGE_ACCESS_H
+
+#include "kelmatrix/matrix.h"
+
+namespace kelmatrix {
+namespace internal {
+
+/// Array-new of count + 8 doubles (count may be any signed value; see above).
+double* allocate_block(long long count);
+
+struct StorageAccess {
+    static bool banded(const KelGenericMatrix& m) { return m.banded; }
+    static bool symmetric(const KelGenericMatrix& m) { return m.symmetric; }
+    static bool uses_lower(const KelGenericMatrix& m) { return m.usesLower; }
+
+    /// Copies rowDim, colDim, both band widths, storageSize and the four flags.
+    static void copy_shape_and_flags(KelGenericMatrix& dst, const KelGenericMatrix& src)
+    {
+        dst.rowDim = src.rowDim;
+        dst.colDim = src.colDim;
+        dst.lowerBandWidth = src.lowerBandWidth;
+        dst.upperBandWidth = src.upperBandWidth;
+        dst.storageSize = src.storageSize;
+        dst.symmetric = src.symmetric;
+        dst.triangular = src.triangular;
+        dst.banded = src.banded;
+        dst.usesLower = src.usesLower;
+    }
+
+    /// Gives m a fresh block of count + 8 doubles without releasing the one it held.
+    static void attach_new_block(KelGenericMatrix& m, long long count)
+    {
+        m.rawStorage = allocate_block(count);
+        m.elements = next_aligned_adr(m.rawStorage);
+    }
+
+    /// Releases m's block, then attaches a fresh one of count + 8 doubles.
+    static void replace_block(KelGenericMatrix& m, long long count)
+    {
+        delete[] m.rawStorage;
+        m.rawStorage = nullptr;
+        m.elements = nullptr;
+        attach_new_block(m, count);
+    }
+};
+
+} // namespace internal
+} // namespace kelmatrix
+
+#endif
