@@ -1,0 +1,2 @@
+target_sources(kelmatrix PRIVATE
+  ${CMAKE_CURRENT_LIST_DIR}/band_cholesky.cpp)

@@ -1,0 +1,101 @@
+// KELMATRIX linear solves
+// A X = B by one LAPACK driver each: dgesv, dgbsv, dposv, dpbsv.
+//
+// Dimensions come from the matrix objects and are not compared with each other; LAPACK's own
+// argument checks are the only guard. The general solves always work on copies. The SPD solves
+// copy for any non-zero copyInputs; with 0 the driver works in A's and B's own arrays, through
+// the const references on purpose: the allocation-free path for callers done with A and B. On
+// success X takes B's shape and receives the solution; on failure X is left as it was.
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "kelmatrix/dense.h"
+#include "matrix/aligned_buffer.h"
+#include "matrix/mkl_bindings.h"
+
+using kelmatrix::internal::AlignedBuffer;
+
+namespace {
+
+// X := B's shape, then one copy of X's storage from the driver's solution array.
+void take_solution(const KelMatrix& B, const double* solution, KelMatrix& X)
+{
+    X.Dimension(B.GetRowDim(), B.GetColDim(), -1, -1);
+    if (X.GetStorageSize() > 0)
+        std::memcpy(X.GetElements(), solution, sizeof(double) * X.GetStorageSize());
+}
+
+} // namespace
+
+bool Solve(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
+{
+    int n = A.GetRowDim(), nrhs = B.GetColDim(), lda = A.GetRowDim(), ldb = B.GetRowDim();
+    int info = 0;
+
+    AlignedBuffer a_copy, b_copy;
+    double* a = a_copy.copy_of(A, A.GetStorageSize());
+    std::vector<int> ipiv(static_cast<std::size_t>(std::max(n, 0)));
+    double* b = b_copy.copy_of(B, B.GetStorageSize());
+
+    dgesv(&n, &nrhs, a, &lda, ipiv.data(), b, &ldb, &info);
+    if (info != 0)
+        return false;
+    take_solution(B, b, X);
+    return true;
+}
+
+bool Solve(const KelMatrixBanded& A, const KelMatrix& B, KelMatrix& X)
+{
+    int n = A.GetRowDim(), kl = A.GetLowerBandWidth(), ku = A.GetUpperBandWidth();
+    int nrhs = B.GetColDim(), ldab = 2 * kl + ku + 1, ldb = B.GetRowDim(), info = 0;
+
+    // The band layout already reserves dgbsv's kl fill-in rows; the buffer is sized so the
+    // driver may use its full ldab x n array.
+    AlignedBuffer ab_copy, b_copy;
+    double* ab = ab_copy.copy_of(A, std::max<long long>(A.GetStorageSize(), static_cast<long long>(ldab) * n));
+    std::vector<int> ipiv(static_cast<std::size_t>(std::max(n, 0)));
+    double* b = b_copy.copy_of(B, B.GetStorageSize());
+
+    dgbsv(&n, &kl, &ku, &nrhs, ab, &ldab, ipiv.data(), b, &ldb, &info);
+    if (info != 0)
+        return false;
+    take_solution(B, b, X);
+    return true;
+}
+
+bool SolveSP(const KelMatrix& A, const KelMatrix& B, KelMatrix& X, int copyInputs)
+{
+    const char uplo = 'U';
+    int n = A.GetColDim(), nrhs = B.GetColDim(), lda = n, ldb = B.GetRowDim(), info = 0;
+
+    AlignedBuffer a_copy, b_copy; // any non-zero copyInputs copies (deliberate)
+    double* a = copyInputs ? a_copy.copy_of(A, static_cast<long long>(n) * n) : A.GetElements();
+    double* b = copyInputs ? b_copy.copy_of(B, static_cast<long long>(B.GetRowDim()) * nrhs)
+                           : B.GetElements();
+
+    dposv(&uplo, &n, &nrhs, a, &lda, b, &ldb, &info, 1);
+    if (info != 0)
+        return false;
+    take_solution(B, b, X);
+    return true;
+}
+
+bool SolveBSP(const KelMatrixBanded& A, const KelMatrix& B, KelMatrix& X, int copyInputs)
+{
+    const char uplo = 'U';
+    int n = A.GetColDim(), kd = A.GetUpperBandWidth(), nrhs = B.GetColDim();
+    int ldab = kd + 1, ldb = B.GetRowDim(), info = 0;
+
+    // A is read as LAPACK upper band storage: exactly the band layout with kl = 0.
+    AlignedBuffer ab_copy, b_copy; // any non-zero copyInputs copies (deliberate)
+    double* ab = copyInputs ? ab_copy.copy_of(A, static_cast<long long>(ldab) * n) : A.GetElements();
+    double* b = copyInputs ? b_copy.copy_of(B, static_cast<long long>(B.GetRowDim()) * nrhs)
+                           : B.GetElements();
+
+    dpbsv(&uplo, &n, &kd, &nrhs, ab, &ldab, b, &ldb, &info, 1);
+    if (info != 0)
+        return false;
+    take_solution(B, b, X);
+    return true;
+}
