@@ -72,9 +72,13 @@ public:
     /// allocated; swap only matrices that are then used and destroyed together.
     void Swap(KelGenericMatrix& other);
 
+    /// Number of rows.
     int GetRowDim() const { return rowDim; }
+    /// Number of columns.
     int GetColDim() const { return colDim; }
+    /// Sub-diagonals kept (kl); -1 until a band is recorded.
     int GetLowerBandWidth() const { return lowerBandWidth; }
+    /// Super-diagonals kept (ku); -1 until a band is recorded.
     int GetUpperBandWidth() const { return upperBandWidth; }
     /// The aligned element array (modifiable, although the member is const).
     double* GetElements() const { return elements; }
@@ -83,28 +87,32 @@ public:
 
     /// Symmetric: only one triangle is stored and the accessors mirror the other.
     void SetSymmetric(bool on) { symmetric = on; }
+    /// Triangular: only the used triangle is meaningful (the accessors do not mirror).
     void SetTriangular(bool on) { triangular = on; }
     /// Stores the lower triangle (row >= column) of a symmetric matrix.
     void SetUsesLower() { usesLower = 1; }
     /// Deliberate: "upper" is usesLower cleared; there is no separate bit.
     void SetUsesUpper() { usesLower = 0; }
 
+    /// True when only one triangle is stored.
     bool SymmetricQ() { return symmetric; }
+    /// True when flagged triangular.
     bool TriangularQ() { return triangular; }
+    /// True when the lower triangle is the stored one; false means upper.
     bool UsesLowerQ() { return usesLower; }
 
 protected:
-    int rowDim;
-    int colDim;
-    int lowerBandWidth;
-    int upperBandWidth;
-    double* elements;
-    double* rawStorage;
-    int storageSize;
-    unsigned char symmetric : 1;
-    unsigned char triangular : 1;
-    unsigned char banded : 1;
-    unsigned char usesLower : 1;
+    int rowDim;              ///< number of rows
+    int colDim;              ///< number of columns
+    int lowerBandWidth;      ///< kl, -1 when no band was ever recorded
+    int upperBandWidth;      ///< ku, -1 when no band was ever recorded
+    double* elements;        ///< aligned start of the element array, inside rawStorage
+    double* rawStorage;      ///< the allocated block; the only pointer ever released
+    int storageSize;         ///< doubles of the element array that belong to the matrix
+    unsigned char symmetric : 1;  ///< one triangle stored, the other mirrored
+    unsigned char triangular : 1; ///< only the used triangle is meaningful
+    unsigned char banded : 1;     ///< the band widths are valid; only the band is meaningful
+    unsigned char usesLower : 1;  ///< the lower triangle is the stored one (clear: upper)
 
 private:
     /// Deep copy of shape, flags and storageSize doubles into a fresh block.
@@ -118,10 +126,13 @@ private:
 /// accessors mirror into it; the triangular flag alone does not mirror.
 class KELMATRIX_API KelMatrix : public KelGenericMatrix {
 public:
+    /// Empty, as KelGenericMatrix.
     KelMatrix();
     ~KelMatrix() override;
 
+    /// Element (i, j) at elements[rows * j + i], mirrored when symmetric.
     double& operator()(int i, int j) override;
+    /// Element (i, j) at elements[rows * j + i], mirrored when symmetric.
     double operator()(int i, int j) const override;
 
     /// Deep copy: shape, band widths, storage count and flags, then storageSize doubles into a
@@ -147,10 +158,13 @@ public:
 /// band storage with leading dimension kd + 1. No test that (i, j) lies inside the band.
 class KELMATRIX_API KelMatrixBanded : public KelGenericMatrix {
 public:
+    /// Empty, as KelGenericMatrix.
     KelMatrixBanded();
     ~KelMatrixBanded() override;
 
+    /// Element (i, j) in band row kl + ku + i - j of column j, mirrored when symmetric.
     double& operator()(int i, int j) override;
+    /// Element (i, j) in band row kl + ku + i - j of column j, mirrored when symmetric.
     double operator()(int i, int j) const override;
 
     /// Allocates (2*kl + ku + 1) * cols unzeroed doubles (rows does not enter the size), records
@@ -163,10 +177,13 @@ public:
 /// accessors always mirror into the stored triangle, whatever the symmetric flag says.
 class KELMATRIX_API KelMatrixPacked : public KelGenericMatrix {
 public:
+    /// Empty, as KelGenericMatrix; call SetUsesLower() before Dimension for lower storage.
     KelMatrixPacked();
     ~KelMatrixPacked() override;
 
+    /// Element (i, j) of the stored triangle (always mirrored).
     double& operator()(int i, int j) override;
+    /// Element (i, j) of the stored triangle (always mirrored).
     double operator()(int i, int j) const override;
 
     /// Allocates rows*(rows+1)/2 unzeroed doubles; shape, band widths and flags as the base.
@@ -178,17 +195,21 @@ public:
 /// both blocks; keep only one of them alive past the other's use.
 class KELMATRIX_API KelSparseVector {
 public:
+    /// Dimension n, no entries.
     KelSparseVector(unsigned int n = 0);
     /// Releases both blocks and sets weight to 0 (dim is kept).
     ~KelSparseVector();
 
+    /// Deliberate: shallow; both vectors share the blocks, the target's old ones are not released.
     KelSparseVector& operator=(const KelSparseVector& src);
 
+    /// The vector's dimension.
     unsigned int getDim() const { return dim; }
     /// Number of stored entries.
     unsigned int weight() const { return weight_; }
     /// 1-based positions of the stored entries, increasing.
     int* index_ptr() { return index; }
+    /// Values of the stored entries, in position order.
     double* data_ptr() { return data; }
 
     /// Releases the entries and sets the dimension.
