@@ -32,10 +32,12 @@ public:
         return data_;
     }
 
-    /// A buffer of count doubles holding the first m.GetStorageSize() doubles of m.
+    /// A buffer of count doubles holding the first m.GetStorageSize() doubles of m. The block is
+    /// never smaller than the copy, so a matrix stored wider than the routine reads it (a band
+    /// with kl > 0 handed to an upper-band routine) gives a wrong answer, not a heap overrun.
     double* copy_of(const KelGenericMatrix& m, long long count)
     {
-        allocate(count);
+        allocate(count > m.GetStorageSize() ? count : m.GetStorageSize());
         if (m.GetStorageSize() > 0)
             std::memcpy(data_, m.GetElements(), sizeof(double) * m.GetStorageSize());
         return data_;
