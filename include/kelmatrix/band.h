@@ -36,18 +36,27 @@ KELMATRIX_API void cyclic_Cholesky_subst(KelGenericMatrix& A, int bandWidth, int
 KELMATRIX_API bool SolveBSP_Cyclic(const KelMatrix& A, const KelMatrix& B, int nb, int bandWidth,
                                    KelMatrix& X);
 
-/// Solves (A kron B) y = x in place for each of the X.cols / A.rows groups of A.rows columns of X
-/// (X has B.rows rows; group k read column-major is one right-hand side), without forming the
-/// product: Y = B^-1 X A^-1 by two SolveBSP calls. A and B as SolveBSP requires (SPD, kl = 0).
-/// copyInputs true: A, B and X are unchanged on failure; false: A and B are factored in place.
+/// Solves (A kron B) y = x in place for each of the m = X.cols / A.rows groups of A.rows columns
+/// of X (X has B.rows rows; group k, read column-major, is one right-hand side), without forming
+/// the product: each group Xk becomes B^-1 Xk A^-1, by two SolveBSP calls that each take every
+/// group at once. A and B as SolveBSP requires (SPD, kl = 0, ku = half-bandwidth). Returns false
+/// when A or B is not positive definite. copyInputs true: A and B never change, and X only on
+/// success; columns past the last whole group keep their input. false: A and B are factored in
+/// place, X's own array is the first right-hand side (columns past the last whole group end up
+/// as B^-1 times their input, and after a failure of the A solve all of X holds B^-1 X).
+/// A.rows = 0 is not guarded.
 KELMATRIX_API bool Solve_Kronecker(const KelMatrixBanded& A, const KelMatrixBanded& B,
                                    KelMatrix& X, bool copyInputs);
-/// Overwrites each column x of X (U1.rows * U2.rows rows, block i = rows i*q .. i*q+q-1) with y
-/// solving (U1 kron U2)^T y = x, U1 and U2 being factors from Cholesky_factor of outer band width
-/// w1 and inner w2. w1 <= 0 means U1.rows; w2 <= 0 means U2.rows.
+/// Overwrites each column x of X (U1.rows * U2.rows rows, block i = rows i*q .. i*q+q-1 with
+/// q = U2.rows) with y solving (U1 kron U2)^T y = x. U1 and U2 (dense or band) hold upper factors
+/// from Cholesky_factor, of outer band width w1 and inner w2; only their upper bands are read.
+/// w1 <= 0 means U1.rows; w2 <= 0 means U2.rows. A negative diagonal of U1 (dropped pivot) makes
+/// block i zero and leaves it out of its neighbours' sums; a zero diagonal is divided by.
 KELMATRIX_API void kronecker_lower_substitute(int w1, int w2, KelGenericMatrix& U1,
                                               KelGenericMatrix& U2, KelMatrix& X);
-/// As kronecker_lower_substitute for (U1 kron U2) y = x. Deliberate: w2 <= 0 means U1.rows here.
+/// As kronecker_lower_substitute for (U1 kron U2) y = x, blocks in descending order. Deliberate:
+/// w2 <= 0 means U1.rows here, and a zero diagonal of U1 zeroes its block like a dropped pivot.
+/// Lower then upper on the same X solves (U1^T U1 kron U2^T U2) y = x.
 KELMATRIX_API void kronecker_upper_substitute(int w1, int w2, KelGenericMatrix& U1,
                                               KelGenericMatrix& U2, KelMatrix& X);
 
