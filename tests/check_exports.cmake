@@ -9,10 +9,11 @@ string(REPLACE "\n" ";" lines "${nm_out}")
 set(actual "")
 foreach(line IN LISTS lines)
   # "<address> <type> <name>"; the name may contain spaces.
-  # The linker's own section markers are not part of any interface.
+  # The linker's section markers and ASan's ODR indicators of exported globals are not part
+  # of any interface.
   if(line MATCHES "^[0-9a-f]+ [A-Za-z] (.+)$")
     set(name "${CMAKE_MATCH_1}")
-    if(NOT name MATCHES "^(__bss_start|_edata|_end)$")
+    if(NOT name MATCHES "^(__bss_start|_edata|_end|__odr_asan\\..*)$")
       list(APPEND actual "${name}")
     endif()
   endif()

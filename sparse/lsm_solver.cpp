@@ -1,0 +1,174 @@
+// KELMATRIX sparse direct solver
+// LSMsolver: A X = B over PARDISO (analysis + factorization, batched solves, release).
+//
+// Every PARDISO call goes through call_pardiso with the fixed arguments maxfct = 1, mnum = 1,
+// msglvl = 0 and a dummy perm. The matrix arrays ia, ja, a are borrowed from the caller for the
+// solver's whole life and never copied, freed or checked. A small state machine refuses calls
+// out of order, and a failed call never changes the state. Right-hand sides are solved in groups
+// of nrhs columns (then one group of the remaining columns) straight in the caller's arrays; b
+// is left unchanged and x receives the solutions. Failures are reported by the bool result only;
+// after a failed solve x may hold the groups that succeeded. Deliberate oddities: assignment
+// shares PARDISO's handle, the remaining group is solved even after a failed full group, and a
+// failed factorization keeps the state at 0 so that it can be retried.
+#include <algorithm>
+#include <cstring>
+
+#include "kelmatrix/sparse.h"
+#include "matrix/mkl_bindings.h"
+#include "sparse/thread_policy.h"
+
+namespace {
+
+// PARDISO phases.
+constexpr int kPhaseAnalyzeFactor = 12; // analysis, then numerical factorization
+constexpr int kPhaseSolveRefine = 33;   // forward/backward solve with iterative refinement
+constexpr int kPhaseReleaseAll = -1;    // release all internal memory
+
+// Solver states.
+constexpr int kStateDefault = -1; // default-constructed
+constexpr int kStateReady = 0;    // initialized or cleared
+constexpr int kStateFactored = 2; // factored, not solved yet
+constexpr int kStateSolved = 3;   // solved at least once
+
+// Fixed pardiso arguments.
+constexpr int kMaxfct = 1; // one factorization kept
+constexpr int kMnum = 1;   // and it is the one used
+constexpr int kMsglvl = 0; // no statistics printed
+
+constexpr int kParamCount = 64; // entries of iparm and of the handle pt
+
+} // namespace
+
+LSMsolver::LSMsolver()
+    : n(0), nrhs(0), ia(nullptr), ja(nullptr), a(nullptr),
+      mtype(LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE), state(kStateDefault)
+{
+    // iparm and pt stay unset: init() sets both before they can be used.
+}
+
+LSMsolver::LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps)
+    : LSMsolver(n, ia, ja, a, nrhs, maxRefinementSteps, LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE)
+{
+}
+
+LSMsolver::LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps,
+                     LSMsolver_mattype mtype)
+    : n(n), nrhs(nrhs), ia(ia), ja(ja), a(a), mtype(mtype), state(kStateReady)
+{
+    init(n, ia, ja, a, nrhs, maxRefinementSteps, mtype);
+}
+
+LSMsolver::~LSMsolver()
+{
+    clear();
+}
+
+LSMsolver& LSMsolver::operator=(const LSMsolver& src)
+{
+    // Deliberate: a bit-for-bit copy, PARDISO's handle included. Both objects then drive one
+    // factorization, and clearing either releases it for both; a factorization held here before
+    // is not released.
+    n = src.n;
+    nrhs = src.nrhs;
+    ia = src.ia;
+    ja = src.ja;
+    a = src.a;
+    mtype = src.mtype;
+    state = src.state;
+    std::memcpy(iparm, src.iparm, sizeof iparm);
+    std::memcpy(pt, src.pt, sizeof pt);
+    return *this;
+}
+
+bool LSMsolver::init(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps,
+                     LSMsolver_mattype mtype)
+{
+    if (state > kStateReady) // a held factorization must be cleared first
+        return false;
+    const int threads = kelmatrix::internal::init_thread_count();
+
+    this->n = n;
+    this->nrhs = nrhs;
+    this->ia = ia; // borrowed: alive and unchanged until clear()
+    this->ja = ja; // borrowed
+    this->a = a;   // borrowed
+    this->mtype = mtype;
+
+    std::fill(iparm, iparm + kParamCount, 0);
+    iparm[0] = 1;                  // our parameters, not PARDISO's defaults
+    iparm[1] = 2;                  // fill-in reducing ordering: nested dissection (METIS)
+    iparm[2] = threads;            // number of processors
+    iparm[4] = 0;                  // no user permutation
+    iparm[5] = 0;                  // solution written to x, b unchanged
+    iparm[7] = maxRefinementSteps; // maximum iterative refinement steps
+    iparm[9] = 13;                 // pivot perturbation 1e-13
+
+    std::fill(pt, pt + kParamCount, nullptr); // a fresh handle: PARDISO requires all zeros
+    // Deliberate: the state is left as it was, so a default-constructed solver still needs
+    // clear() before factor().
+    return true;
+}
+
+bool LSMsolver::factor()
+{
+    if (state != kStateReady)
+        return false;
+    double dummy = 0.0;
+    if (call_pardiso(kPhaseAnalyzeFactor, nrhs, &dummy, &dummy) != 0)
+        return false; // Deliberate: still ready, so factor() may be retried
+    state = kStateFactored;
+    return true;
+}
+
+bool LSMsolver::solve(KelMatrix& B, KelMatrix& X)
+{
+    if (state != kStateFactored && state != kStateSolved)
+        return false;
+    // Deliberate: X must already have B's shape; it is never re-dimensioned.
+    if (B.GetColDim() != X.GetColDim() || B.GetRowDim() != X.GetRowDim() || B.GetRowDim() != n)
+        return false;
+    // Columns of B and X are n doubles apart, as in the flat arrays of the other overload.
+    return solve(B.GetColDim(), B.GetElements(), X.GetElements());
+}
+
+bool LSMsolver::solve(int count, double* b, double* x)
+{
+    if (state != kStateFactored && state != kStateSolved)
+        return false;
+    // Deliberate: nrhs == 0 is not guarded; the constructor and init() take it unchecked.
+    const int full = count / nrhs, rest = count % nrhs;
+    const long long batch_stride = static_cast<long long>(nrhs) * n;
+
+    int error = 0;
+    for (int k = 0; k < full && error == 0; ++k)
+        error = call_pardiso(kPhaseSolveRefine, nrhs, b + k * batch_stride, x + k * batch_stride);
+    if (rest > 0) // Deliberate: solved even after a failed group, and its error is the result
+        error = call_pardiso(kPhaseSolveRefine, rest, b + full * batch_stride,
+                             x + full * batch_stride);
+    if (error != 0)
+        return false;
+    state = kStateSolved;
+    return true;
+}
+
+bool LSMsolver::clear()
+{
+    if (state <= kStateReady) { // nothing held: PARDISO is not called
+        state = kStateReady;
+        return true;
+    }
+    double dummy = 0.0;
+    call_pardiso(kPhaseReleaseAll, nrhs, &dummy, &dummy); // its error is of no use here
+    state = kStateReady; // Deliberate: pt keeps its stale entries; init() zeroes them
+    return true;
+}
+
+int LSMsolver::call_pardiso(int phase, int count, double* b, double* x)
+{
+    const int matrix_type = mtype;
+    int perm = 0; // never read: iparm[4] = 0
+    int error = 0;
+    pardiso(pt, &kMaxfct, &kMnum, &matrix_type, &phase, &n, a, ia, ja, &perm, &count, iparm,
+            &kMsglvl, b, x, &error);
+    return error;
+}

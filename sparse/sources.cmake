@@ -1,0 +1,4 @@
+target_sources(kelmatrix PRIVATE
+  ${CMAKE_CURRENT_LIST_DIR}/lsm_solver.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/thread_policy.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/load_environment.cpp)
