@@ -19,10 +19,11 @@ int resolve_band_width(const KelGenericMatrix& A, int bandWidth);
 } // namespace internal
 } // namespace kelmatrix
 
-/// Solves U^T y = b in place in B.
+/// Solves U^T y = b in place in B. A negative diagonal (dropped pivot) gives 0; a zero one is
+/// divided by.
 void Cholesky_forward_subst(KelGenericMatrix& U, int rowOffset, int column, int bandWidth,
                             KelGenericMatrix& B);
-/// Solves U x = y in place in B.
+/// Solves U x = y in place in B. A diagonal <= 0 gives 0.
 void Cholesky_backward_subst(KelGenericMatrix& U, int rowOffset, int column, int bandWidth,
                              KelGenericMatrix& B);
 

@@ -11,9 +11,12 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <map>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kelmatrix/matrix.h"
@@ -145,6 +148,88 @@ inline std::vector<double> snapshot(const KelGenericMatrix& m)
 {
     return std::vector<double>(m.GetElements(), m.GetElements() + m.GetStorageSize());
 }
+
+/// X solving a X = b by Gaussian elimination with partial pivoting (a square and nonsingular).
+inline Dense solve_dense(Dense a, Dense b)
+{
+    const int n = a.rows;
+    for (int k = 0; k < n; ++k) {
+        int p = k;
+        for (int i = k + 1; i < n; ++i)
+            if (std::fabs(a(i, k)) > std::fabs(a(p, k)))
+                p = i;
+        for (int j = 0; j < n; ++j)
+            std::swap(a(k, j), a(p, j));
+        for (int j = 0; j < b.cols; ++j)
+            std::swap(b(k, j), b(p, j));
+        for (int i = k + 1; i < n; ++i) {
+            const double l = a(i, k) / a(k, k);
+            for (int j = k; j < n; ++j)
+                a(i, j) -= l * a(k, j);
+            for (int j = 0; j < b.cols; ++j)
+                b(i, j) -= l * b(k, j);
+        }
+    }
+    for (int j = 0; j < b.cols; ++j)
+        for (int i = n - 1; i >= 0; --i) {
+            double s = b(i, j);
+            for (int k = i + 1; k < n; ++k)
+                s -= a(i, k) * b(k, j);
+            b(i, j) = s / a(i, i);
+        }
+    return b;
+}
+
+/// a without row p (and without column p too when square is set).
+inline Dense remove_index(const Dense& a, int p, bool square)
+{
+    Dense r(a.rows - 1, square ? a.cols - 1 : a.cols);
+    for (int j = 0; j < r.cols; ++j)
+        for (int i = 0; i < r.rows; ++i)
+            r(i, j) = a(i < p ? i : i + 1, square && j >= p ? j + 1 : j);
+    return r;
+}
+
+/// The diagonal and upper band (j - i <= bw) of a library matrix, zero elsewhere. Reads only
+/// inside the band, so it is safe on band storage.
+inline Dense upper_band(const KelGenericMatrix& m, int bw)
+{
+    Dense a(m.GetRowDim(), m.GetRowDim());
+    for (int j = 0; j < a.cols; ++j)
+        for (int i = std::max(0, j - bw); i <= j; ++i)
+            a(i, j) = m(i, j);
+    return a;
+}
+
+/// A dense KelMatrix built from a reference matrix in place (KelMatrix has no copy constructor).
+struct KelOf : KelMatrix {
+    explicit KelOf(const Dense& a) { to_kel(a, *this); }
+};
+
+/// Bit-for-bit equality (NaN payloads and signed zeros included).
+inline bool same_bits(const Dense& a, const Dense& b)
+{
+    return a.rows == b.rows && a.cols == b.cols &&
+           std::memcmp(a.v.data(), b.v.data(), sizeof(double) * a.v.size()) == 0;
+}
+
+/// A user-derived storage type: elements in a std::map keyed by (i, j), shape set through the
+/// protected fields, no element block. Reading an unset element gives 0.
+class MapMatrix : public KelGenericMatrix {
+public:
+    MapMatrix(int rows, int cols)
+    {
+        rowDim = rows;
+        colDim = cols;
+    }
+    double& operator()(int i, int j) override { return cells[{i, j}]; }
+    double operator()(int i, int j) const override
+    {
+        const auto it = cells.find({i, j});
+        return it == cells.end() ? 0.0 : it->second;
+    }
+    std::map<std::pair<int, int>, double> cells;
+};
 
 } // namespace kt
 

@@ -21,18 +21,28 @@ KELMATRIX_API int Cholesky_factor(KelGenericMatrix& A, int bandWidth, double tol
 /// column, forward then backward; unknowns of dropped pivots are 0.
 KELMATRIX_API void Cholesky_subst(KelGenericMatrix& A, int bandWidth, KelMatrix& B);
 
-/// Factors in place a matrix of order n whose leading n-m block is a band of half-bandwidth
-/// bandWidth and whose last m rows and columns are a dense border (a cyclic band matrix with its
-/// wrap-around unknowns ordered last). Only the upper triangle is read. Returns the count of
-/// accepted pivots of the m x m Schur complement only (the band block's count is not reported).
+/// Factors in place a symmetric matrix of order n (A.rows) whose leading nb = n - m block is a
+/// band of half-bandwidth bandWidth and whose last m rows and columns are a dense border (a
+/// cyclic band matrix with its wrap-around unknowns ordered last): A11 = U11^T U11 with dropped
+/// pivots as Cholesky_factor, W = U11^-T A12, and the Schur complement A22 - W^T W = U22^T U22
+/// factored densely. Overwrites the upper band of A11 with U11, A12 with W (rows of dropped
+/// pivots become 0) and the upper triangle of A22 with U22; the lower triangle and A11 outside
+/// the band are neither read nor written. bandWidth is used as given (pass >= 1). Returns the
+/// count of accepted pivots of the m x m Schur complement only: the band block's count is not
+/// reported, so m = 0 returns 0, and m = n factors the whole matrix densely.
 KELMATRIX_API int cyclic_Cholesky_factor(KelGenericMatrix& A, int bandWidth, int m, double tol);
-/// Solves in place in B (n rows) with the factor from cyclic_Cholesky_factor (same bandWidth, m).
+/// Solves A X = B in place in B (n rows, any number of columns) with the factor left by
+/// cyclic_Cholesky_factor (same bandWidth and m); A is read, not changed. Unknowns of dropped
+/// pivots are 0 in every column.
 KELMATRIX_API void cyclic_Cholesky_subst(KelGenericMatrix& A, int bandWidth, int m, KelMatrix& B);
-/// Solves A X = B for a symmetric bordered band matrix through a Schur complement over LAPACK:
-/// band block of order nb with half-bandwidth bandWidth / 2 (truncated), border of n - nb. Reads
-/// only the upper band, border columns and upper corner of A. A negative definite Schur
-/// complement is negated first. A and B never change; X (B.rows x B.cols) is written only when
-/// every LAPACK call succeeds.
+/// Solves A X = B for a symmetric bordered band matrix through a Schur complement over LAPACK
+/// (dpbtrf, dpbtrs, dposv): band block of order nb with half-bandwidth bandWidth / 2 (truncated:
+/// bandWidth is the total width), border of m = n - nb >= 1. Reads only the upper band of A11,
+/// the border columns A12 and the upper triangle of A22, through the const accessor. A negative
+/// definite Schur complement is negated first, so saddle points (A22 = 0) are solved. Returns
+/// true when every LAPACK call succeeds; only then is X re-dimensioned to B.rows x B.cols and
+/// written. A and B never change; on failure (a band block that is not positive definite, an
+/// indefinite Schur complement, an empty band block or border) X keeps its shape and content.
 KELMATRIX_API bool SolveBSP_Cyclic(const KelMatrix& A, const KelMatrix& B, int nb, int bandWidth,
                                    KelMatrix& X);
 
