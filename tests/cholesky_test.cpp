@@ -10,16 +10,6 @@
 
 namespace {
 
-constexpr double kGarbage = 1.0e150; // wrecks any result it enters
-
-void to_kel_upper(const kt::Dense& a, KelMatrix& A)
-{
-    kt::to_kel(a, A);
-    for (int j = 0; j < a.cols; ++j)
-        for (int i = j + 1; i < a.rows; ++i)
-            A(i, j) = kGarbage;
-}
-
 TEST(Cholesky, FactorizationsCopyOnlyForOne)
 {
     std::mt19937_64 rng(kt::seed());
@@ -29,10 +19,10 @@ TEST(Cholesky, FactorizationsCopyOnlyForOne)
     for (int copy : {1, 2, 0}) {
         SCOPED_TRACE(copy);
         KelMatrix A;
-        to_kel_upper(a, A);
+        kt::to_kel_upper(a, A);
         ASSERT_EQ(spdMatrixCholeskyFactorization(A, copy), 0);
         EXPECT_LT(kt::cholesky_ratio(kt::upper_of(A), a), 30.0);
-        EXPECT_EQ(A(n - 1, 0), kGarbage); // the strictly lower triangle is never touched
+        EXPECT_EQ(A(n - 1, 0), kt::kGarbage); // the strictly lower triangle is never touched
         KelMatrixBanded Ab;
         kt::to_band_upper(a, kd, Ab);
         ASSERT_TRUE(spdBandMatrixCholeskyFactorization(Ab, copy));
@@ -43,7 +33,7 @@ TEST(Cholesky, FactorizationsCopyOnlyForOne)
     for (int copy : {1, 2}) {
         SCOPED_TRACE(copy);
         KelMatrix A;
-        to_kel_upper(a, A);
+        kt::to_kel_upper(a, A);
         const auto a0 = kt::snapshot(A);
         EXPECT_EQ(spdMatrixCholeskyFactorization(A, copy), 5);
         EXPECT_EQ(kt::snapshot(A) == a0, copy == 1); // 2 factors in place, partially
@@ -66,7 +56,7 @@ TEST(Cholesky, SubstitutionsCopyBForAnyNonZeroAndNeverTouchTheFactor)
     kt::to_kel(b, B);
     ASSERT_TRUE(SolveSP(A, B, Xsp, 1));
     KelMatrixBanded Ub;
-    to_kel_upper(a, U);
+    kt::to_kel_upper(a, U);
     kt::to_band_upper(a, kd, Ub);
     ASSERT_EQ(spdMatrixCholeskyFactorization(U, 0), 0);
     ASSERT_TRUE(spdBandMatrixCholeskyFactorization(Ub, 0));
@@ -102,7 +92,7 @@ TEST(Cholesky, InverseIsExactlySymmetricAndInvertsA)
     for (int copy : {1, 2}) {
         SCOPED_TRACE(copy);
         KelMatrix A;
-        to_kel_upper(a, A);
+        kt::to_kel_upper(a, A);
         ASSERT_EQ(spdMatrixCholeskyFactorization(A, 0), 0);
         ASSERT_EQ(symmPositiveDefiniteInverse(A, copy), 0);
         const kt::Dense inv = kt::from_kel(A);
@@ -129,13 +119,13 @@ TEST(Cholesky, InverseIsExactlySymmetricAndInvertsA)
     for (int copy : {1, 2}) {
         SCOPED_TRACE(copy);
         KelMatrix A;
-        to_kel_upper(u, A);
+        kt::to_kel_upper(u, A);
         const auto a0 = kt::snapshot(A);
         EXPECT_EQ(symmPositiveDefiniteInverse(A, copy), 3);
         if (copy == 1) {
             EXPECT_EQ(kt::snapshot(A), a0);
         }
-        EXPECT_EQ(A(n - 1, 0), kGarbage);
+        EXPECT_EQ(A(n - 1, 0), kt::kGarbage);
     }
 }
 

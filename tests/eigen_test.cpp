@@ -13,17 +13,7 @@
 
 namespace {
 
-constexpr double kGarbage = 1.0e150; // wrecks any result it enters
 const double kEps = std::numeric_limits<double>::epsilon();
-
-// A KelMatrix holding a's upper triangle, garbage below it.
-void to_kel_upper(const kt::Dense& a, KelMatrix& A)
-{
-    kt::to_kel(a, A);
-    for (int j = 0; j < a.cols; ++j)
-        for (int i = j + 1; i < a.rows; ++i)
-            A(i, j) = kGarbage;
-}
 
 // ||A Z - Z Lambda||_1 / (||A||_1 n eps) and ||Z^T Z - I||_1 / (n eps), both below 30.
 void expect_eigen_pairs(const kt::Dense& a, const double* lambda, const KelMatrix& Z)
@@ -55,7 +45,7 @@ TEST(Eigen, TridiagonalClosedFormByBothRoutines)
         want[k - 1] = 2.0 - 2.0 * std::cos(k * pi / (n + 1));
 
     KelMatrix A, Z, W;
-    to_kel_upper(a, A);
+    kt::to_kel_upper(a, A);
     std::vector<double> lambda(n);
     ASSERT_TRUE(EigenValuesS(A, lambda.data(), &Z, 1));
     ASSERT_EQ(Z.GetRowDim(), n);
@@ -85,11 +75,11 @@ TEST(Eigen, EigenValuesSCopiesForAnyNonZeroAndZIsOptional)
     for (int copy : {1, 2, 0}) {
         SCOPED_TRACE(copy);
         KelMatrix A, Z;
-        to_kel_upper(a, A);
+        kt::to_kel_upper(a, A);
         const auto a0 = kt::snapshot(A);
         ASSERT_TRUE(EigenValuesS(A, with_z.data(), &Z, copy));
         EXPECT_EQ(kt::snapshot(A) == a0, copy != 0);
-        to_kel_upper(a, A);
+        kt::to_kel_upper(a, A);
         expect_eigen_pairs(a, with_z.data(), Z);
 
         std::vector<double> values(n + 1, 7.0);
@@ -109,7 +99,7 @@ TEST(Eigen, DiagonalAndOneByOne)
     for (int i = 0; i < 4; ++i)
         a(i, i) = d[i];
     KelMatrix A, Z;
-    to_kel_upper(a, A);
+    kt::to_kel_upper(a, A);
     double lambda[4];
     ASSERT_TRUE(EigenValuesS(A, lambda, &Z, 1));
     const double sorted[4] = {-1.0, 0.5, 2.0, 3.0};
@@ -141,7 +131,7 @@ TEST(Eigen, SpdmEigenproblemCopiesOnlyForOne)
     for (int copy : {1, 2, 0}) {
         SCOPED_TRACE(copy);
         KelMatrix A, W, Z;
-        to_kel_upper(a, A);
+        kt::to_kel_upper(a, A);
         const auto a0 = kt::snapshot(A);
         W.Dimension(n, 1, -1, -1);
         Z.Dimension(n, n, -1, -1);

@@ -166,6 +166,18 @@ inline double cholesky_ratio(const Dense& u, const Dense& a)
     return norm1(r) / (norm1(a) * a.rows * std::numeric_limits<double>::epsilon());
 }
 
+/// Wrecks any result it enters: stands in the triangle a routine must not read.
+constexpr double kGarbage = 1.0e150;
+
+/// A dense KelMatrix holding a's upper triangle, kGarbage in the strictly lower one.
+inline void to_kel_upper(const Dense& a, KelMatrix& m)
+{
+    to_kel(a, m);
+    for (int j = 0; j < a.cols; ++j)
+        for (int i = j + 1; i < a.rows; ++i)
+            m(i, j) = kGarbage;
+}
+
 } // namespace kt
 
 #endif
