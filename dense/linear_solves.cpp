@@ -4,8 +4,9 @@
 // Dimensions come from the matrix objects and are not compared with each other; LAPACK's own
 // argument checks are the only guard. The general solves always work on copies. The SPD solves
 // copy for any non-zero copyInputs; with 0 the driver works in A's and B's own arrays, through
-// the const references on purpose: the allocation-free path for callers done with A and B. On
-// success X takes B's shape and receives the solution; on failure X is left as it was.
+// the const references (deliberate: the allocation-free path for callers done with A and B), so
+// A then holds the factor and B the solution. On success X takes B's shape (not n x nrhs) and
+// receives the solution; on failure X is left as it was.
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -53,7 +54,8 @@ bool Solve(const KelMatrixBanded& A, const KelMatrix& B, KelMatrix& X)
     // The band layout already reserves dgbsv's kl fill-in rows; the buffer is sized so the
     // driver may use its full ldab x n array.
     AlignedBuffer ab_copy, b_copy;
-    double* ab = ab_copy.copy_of(A, std::max<long long>(A.GetStorageSize(), static_cast<long long>(ldab) * n));
+    double* ab = ab_copy.copy_of(
+        A, std::max<long long>(A.GetStorageSize(), static_cast<long long>(ldab) * n));
     std::vector<int> ipiv(static_cast<std::size_t>(std::max(n, 0)));
     double* b = b_copy.copy_of(B, B.GetStorageSize());
 
@@ -69,7 +71,8 @@ bool SolveSP(const KelMatrix& A, const KelMatrix& B, KelMatrix& X, int copyInput
     const char uplo = 'U';
     int n = A.GetColDim(), nrhs = B.GetColDim(), lda = n, ldb = B.GetRowDim(), info = 0;
 
-    AlignedBuffer a_copy, b_copy; // any non-zero copyInputs copies (deliberate)
+    // Deliberate: any non-zero copyInputs copies; 0 works in A's and B's own arrays.
+    AlignedBuffer a_copy, b_copy;
     double* a = copyInputs ? a_copy.copy_of(A, static_cast<long long>(n) * n) : A.GetElements();
     double* b = copyInputs ? b_copy.copy_of(B, static_cast<long long>(B.GetRowDim()) * nrhs)
                            : B.GetElements();
@@ -88,8 +91,10 @@ bool SolveBSP(const KelMatrixBanded& A, const KelMatrix& B, KelMatrix& X, int co
     int ldab = kd + 1, ldb = B.GetRowDim(), info = 0;
 
     // A is read as LAPACK upper band storage: exactly the band layout with kl = 0.
-    AlignedBuffer ab_copy, b_copy; // any non-zero copyInputs copies (deliberate)
-    double* ab = copyInputs ? ab_copy.copy_of(A, static_cast<long long>(ldab) * n) : A.GetElements();
+    // Deliberate: any non-zero copyInputs copies; 0 works in A's and B's own arrays.
+    AlignedBuffer ab_copy, b_copy;
+    double* ab =
+        copyInputs ? ab_copy.copy_of(A, static_cast<long long>(ldab) * n) : A.GetElements();
     double* b = copyInputs ? b_copy.copy_of(B, static_cast<long long>(B.GetRowDim()) * nrhs)
                            : B.GetElements();
 

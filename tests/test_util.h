@@ -231,6 +231,38 @@ public:
     std::map<std::pair<int, int>, double> cells;
 };
 
+/// The upper band (j - kd <= i <= j) of a matrix through its accessor, zeros elsewhere; kd < 0
+/// takes the whole upper triangle. Reads a dense or a kl = 0 band matrix alike.
+inline Dense upper_of(const KelGenericMatrix& m, int kd = -1)
+{
+    Dense u(m.GetRowDim(), m.GetColDim());
+    for (int j = 0; j < u.cols; ++j)
+        for (int i = kd < 0 ? 0 : std::max(0, j - kd); i <= j && i < u.rows; ++i)
+            u(i, j) = m(i, j);
+    return u;
+}
+
+/// ||U^T U - A||_1 / (||A||_1 n eps): the Cholesky reconstruction ratio, ~1 for a good factor.
+inline double cholesky_ratio(const Dense& u, const Dense& a)
+{
+    Dense r = multiply(u, u, true, false);
+    for (std::size_t k = 0; k < r.v.size(); ++k)
+        r.v[k] -= a.v[k];
+    return norm1(r) / (norm1(a) * a.rows * std::numeric_limits<double>::epsilon());
+}
+
+/// Wrecks any result it enters: stands in the triangle a routine must not read.
+constexpr double kGarbage = 1.0e150;
+
+/// A dense KelMatrix holding a's upper triangle, kGarbage in the strictly lower one.
+inline void to_kel_upper(const Dense& a, KelMatrix& m)
+{
+    to_kel(a, m);
+    for (int j = 0; j < a.cols; ++j)
+        for (int i = j + 1; i < a.rows; ++i)
+            m(i, j) = kGarbage;
+}
+
 } // namespace kt
 
 #endif

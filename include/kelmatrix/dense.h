@@ -52,25 +52,31 @@ KELMATRIX_API bool SolveBSP(const KelMatrixBanded& A, const KelMatrix& B, KelMat
 // ---- Cholesky family (dpotrf, dpbtrf, dpotrs, dpbtrs, dpotri, dtbtrs) ----
 
 /// Factors A = U^T U in place (upper triangle; the strictly lower triangle is untouched) by
-/// dpotrf. Copies only when copyInputs == 1; then A is unchanged on failure. Returns info.
+/// dpotrf, n = A.cols. Copies only when copyInputs == 1 (2 and -1 work in place): then A is
+/// unchanged on failure, otherwise it holds the partial factor. Returns info unchanged
+/// (k > 0: the leading minor of order k is not positive definite).
 KELMATRIX_API int spdMatrixCholeskyFactorization(KelMatrix& A, int copyInputs);
-/// Band factorization by dpbtrf (kl = 0 storage). Copies only when copyInputs == 1. True when
-/// info == 0.
+/// Band factorization by dpbtrf (kl = 0 storage, kd = A's upper band width), in place like the
+/// dense one. Copies only when copyInputs == 1. True when info == 0.
 KELMATRIX_API bool spdBandMatrixCholeskyFactorization(KelMatrixBanded& A, int copyInputs);
-/// Solves with a factor from spdMatrixCholeskyFactorization by dpotrs. B must have exactly
-/// U.cols rows. Copies B when copyInputs != 0 (U is never copied). On success X is n x nrhs.
-/// Returns info.
+/// Solves U^T U X = B with a factor from spdMatrixCholeskyFactorization by dpotrs. B must have
+/// exactly n = U.cols rows (its row count is not read). Copies B when copyInputs != 0; with 0
+/// B's array receives the solution. U is never copied nor changed. On success X is n x nrhs;
+/// on failure X is untouched. Returns info.
 KELMATRIX_API int spdCholeskySubstitute(KelMatrix& U, KelMatrix& B, KelMatrix& X, int copyInputs);
-/// Band counterpart of spdCholeskySubstitute by dpbtrs. True when info == 0.
+/// Band counterpart of spdCholeskySubstitute by dpbtrs, with a factor from
+/// spdBandMatrixCholeskyFactorization. Same copy rule and shapes. True when info == 0.
 KELMATRIX_API bool spdBandCholeskySubstitute(KelMatrixBanded& U, KelMatrix& B, KelMatrix& X,
                                              int copyInputs);
-/// Turns a factored A into the full symmetric inverse by dpotri, then mirrors the upper
-/// triangle into the lower so both are equal bit for bit. Copies only when copyInputs == 1.
-/// Returns info; on failure A is not written back.
+/// Turns a factored A (from spdMatrixCholeskyFactorization) into the full symmetric inverse by
+/// dpotri, then mirrors the upper triangle into the lower so both are equal bit for bit.
+/// Copies only when copyInputs == 1. Returns info (k > 0: U(k-1, k-1) is zero); on failure
+/// nothing is written back and nothing mirrored.
 KELMATRIX_API int symmPositiveDefiniteInverse(KelMatrix& A, int copyInputs);
-/// Solves U^T X = B (transpose) or U X = B by dtbtrs with an upper band U (n = U.rows). Copies U
-/// and B only when copyInputs == 1; otherwise the solution is written into B's own array.
-/// Returns info; X untouched on failure.
+/// Solves U^T X = B (transpose) or U X = B by dtbtrs with an upper band U (kl = 0 storage,
+/// n = U.rows, not cols). Copies U and B only when copyInputs == 1; otherwise the solution is
+/// also written into the const B's own array. B must have exactly n rows. On success X is
+/// n x nrhs. Returns info (k > 0: zero diagonal element k); X untouched on failure.
 KELMATRIX_API int solveUpperTriangularBandSystem(const KelMatrixBanded& U, bool transpose,
                                                  const KelMatrix& B, KelMatrix& X, int copyInputs);
 
@@ -80,15 +86,17 @@ KELMATRIX_API int solveUpperTriangularBandSystem(const KelMatrixBanded& U, bool 
 KELMATRIX_API void kel_dgels(const char* trans, const int& m, const int& n, const int& nrhs,
                              double* a, const int& lda, double* b, const int& ldb, double* work,
                              const int& lwork, int& info);
-/// Full-rank least squares by dgels on copies of A and B. nrhs is X.cols: dimension X (at least
-/// A.cols x nrhs) before the call; it is never re-dimensioned. B must have A.rows rows. False
-/// (X untouched) when A is rank deficient.
+/// Full-rank least squares by dgels on copies of A and B. nrhs is X.cols, not B.cols: dimension
+/// X (at least A.cols x nrhs) before the call; it is never re-dimensioned, and only its first
+/// A.cols rows are written. B must have A.rows rows. False (X untouched) when A is rank
+/// deficient.
 KELMATRIX_API bool SolveLS(const KelMatrix& A, const KelMatrix& B, KelMatrix& X);
 /// Minimum-norm least squares by dgelsy with column pivoting. A is overwritten by its complete
 /// orthogonal factorization; B is not changed. jpvt (A.cols ints): non-zero entries fix columns
-/// in front on entry; on success the 0-based source column of each pivoted column. rank gets the
-/// effective rank for threshold rcond; X becomes A.cols x B.cols. False only for arguments
-/// dgelsy rejects.
+/// in front on entry; on success the 0-based source column of each pivoted column (on failure
+/// as dgelsy left it, 1-based). rank gets the effective rank for threshold rcond; X becomes
+/// A.cols x B.cols. Exact for one right-hand side; with several, B goes in and X comes out as
+/// single blocks, not re-strided to max(rows, cols). False only for arguments dgelsy rejects.
 KELMATRIX_API bool MinNormLeastSquares(KelMatrix& A, KelMatrix& B, int* jpvt, double rcond,
                                        int& rank, KelMatrix& X);
 
@@ -96,13 +104,16 @@ KELMATRIX_API bool MinNormLeastSquares(KelMatrix& A, KelMatrix& B, int* jpvt, do
 
 /// All eigenvalues (ascending, into the caller's array of A.cols doubles) and, when Z is not
 /// null, the unit eigenvectors as Z's columns (Z re-dimensioned n x n), by dspev on the packed
-/// upper triangle. copyInputs != 0 packs into a private copy; 0 packs into A's own array,
-/// destroying A. True when info == 0; Z untouched on failure.
+/// upper triangle (n = A.cols). copyInputs != 0 packs into a private copy; 0 packs into A's own
+/// array, destroying A. True when info == 0; on failure Z is untouched and the eigenvalue array
+/// holds what dspev left there.
 KELMATRIX_API bool EigenValuesS(const KelMatrix& A, double* eigenvalues, KelMatrix* Z,
                                 int copyInputs);
-/// Eigenvalues into W's array and eigenvectors into Z's array by dsyev (upper triangle). W (n x 1)
-/// and Z (n x n) must be dimensioned by the caller; they are not re-dimensioned. Copies A only
-/// when copyInputs == 1; otherwise A's array ends up holding the eigenvectors. Returns info.
+/// Ascending eigenvalues into W's array and unit eigenvectors (columns) into Z's array by dsyev
+/// (upper triangle, n = A.cols; A need not be definite). W (n x 1) and Z (n x n) must be
+/// dimensioned by the caller; they are not re-dimensioned. Copies A only when copyInputs == 1;
+/// otherwise A's array ends up holding the eigenvectors. Returns info; W and Z untouched on
+/// failure.
 KELMATRIX_API int spdmEigenproblem(const KelMatrix& A, KelMatrix& W, KelMatrix& Z, int copyInputs);
 
 #endif
