@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Installs what KELMATRIX needs on Debian bookworm, non-interactively and idempotently:
 # Intel MKL (from the non-free component, enabled here when absent), the compiler and
-# build tools, GoogleTest and Google Benchmark. Run as root, or with sudo available.
+# build tools, GoogleTest, Google Benchmark and Doxygen. Run as root, or with sudo available.
 set -euo pipefail
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 
-packages=(libmkl-dev cmake g++ make pkg-config googletest libgtest-dev libbenchmark-dev)
+packages=(libmkl-dev cmake g++ make pkg-config googletest libgtest-dev libbenchmark-dev doxygen)
 for extra in "$@"; do packages+=("$extra"); done
 
 missing=()

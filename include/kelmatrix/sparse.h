@@ -35,6 +35,9 @@ enum LSMsolver_mattype : int {
     LSM_REAL_UNSYMMETRIC = 11
 };
 
+/// Sparse direct solver over PARDISO for a matrix in 1-based compressed-row form borrowed from
+/// the caller: factor once, solve any number of times in batches of nrhs, clear. Calls out of
+/// order return false (see the file comment for the caller's duties).
 class KELMATRIX_API LSMsolver {
 public:
     /// No data and no parameters (state -1): call init() and clear(), in either order, before
