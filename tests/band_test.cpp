@@ -42,17 +42,14 @@ TEST(BandCholesky, WorkedExamples)
     kt::KelOf F(matrix(1, 1, {4}));
     EXPECT_EQ(factor_and_solve(F, 0, 0.0, 1, matrix(1, 1, {8})).v[0], 2.0);
     EXPECT_EQ(F(0, 0), 2.0);
-}
 
-// The tolerance is strict and applies to d = U(i,i)^2, not to U(i,i).
-TEST(BandCholesky, ToleranceIsStrictAndOnTheSquaredPivot)
-{
+    // The tolerance is strict and applies to d = U(i,i)^2, not to U(i,i).
     const kt::Dense a = matrix(2, 2, {4, 2, 2, 2}); // U = [2 1; 0 1]: d1 = 1 exactly
-    kt::KelOf A(a), A2(a), F(matrix(1, 1, {4}));
-    EXPECT_EQ(Cholesky_factor(A, 1, 1.0), 2); // d == tol is accepted
-    EXPECT_EQ(Cholesky_factor(A2, 1, std::nextafter(1.0, 2.0)), 1);
-    EXPECT_EQ(A2(1, 1), -1.0);
-    EXPECT_EQ(Cholesky_factor(F, 1, 3.0), 1); // d = 4 >= 3 although sqrt(d) = 2 < 3
+    kt::KelOf T(a), T2(a), G(matrix(1, 1, {4}));
+    EXPECT_EQ(Cholesky_factor(T, 1, 1.0), 2); // d == tol is accepted
+    EXPECT_EQ(Cholesky_factor(T2, 1, std::nextafter(1.0, 2.0)), 1);
+    EXPECT_EQ(T2(1, 1), -1.0);
+    EXPECT_EQ(Cholesky_factor(G, 1, 3.0), 1); // d = 4 >= 3 although sqrt(d) = 2 < 3
 }
 
 // With tol = 0 a zero pivot is accepted and the three diagonal tests part ways: the

@@ -2,8 +2,8 @@
 // LSMsolver::establish_numthreads and init's thread decision, and KMP_DUPLICATE_LIB_OK at start.
 //
 // This executable defines its own `mkl_set_num_threads`, which the library's calls reach first;
-// it counts the calls and forwards them to MKL's. Every case starts from an undecided count
-// (mNumThreadsDefault = -1) and sets or unsets OMP_NUM_THREADS itself.
+// it counts the calls and forwards them to MKL's. Every case sets the decided count and sets or
+// unsets OMP_NUM_THREADS itself.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
@@ -34,96 +34,59 @@ extern "C" __attribute__((visibility("default"))) void mkl_set_num_threads(const
 
 namespace {
 
-class ThreadPolicy : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        const char* v = std::getenv("OMP_NUM_THREADS");
-        had_value_ = v != nullptr;
-        saved_ = v ? v : "";
-        reset();
-    }
-    void TearDown() override
-    {
-        set_environment(had_value_ ? saved_.c_str() : nullptr);
-        LSMsolver::mNumThreadsDefault = -1;
-    }
-    static void set_environment(const char* value)
-    {
-        if (value)
-            setenv("OMP_NUM_THREADS", value, 1);
-        else
-            unsetenv("OMP_NUM_THREADS");
-    }
-    static void reset()
-    {
-        LSMsolver::mNumThreadsDefault = -1;
-        g_setter_calls = 0;
-        g_setter_last = 0;
-    }
-
-private:
-    bool had_value_ = false;
-    std::string saved_;
-};
-
-// Without a request and before any decision: OMP_NUM_THREADS read by atoi decides within 1..20
-// and the setter is not called (OpenMP reads the variable itself); outside, or unset, it is 1,
-// and only unset calls the setter. A decided count is kept without reading the variable again.
-TEST_F(ThreadPolicy, EnvironmentDecidesOnceWithinOneToTwenty)
+// An undecided (-1) or given count, no setter calls yet, OMP_NUM_THREADS set (nullptr: unset).
+void start_from(const char* value, int decided = -1)
 {
-    const struct {
-        const char* value; // nullptr: unset
-        int want, setter_calls;
-    } cases[] = {{"8", 8, 0},  {"20", 20, 0}, {"21", 1, 0},   {"0", 1, 0},
-                 {"-3", 1, 0}, {"4x", 4, 0},  {nullptr, 1, 1}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.value ? c.value : "(unset)");
-        reset();
-        set_environment(c.value);
-        EXPECT_EQ(LSMsolver::establish_numthreads(0), c.want);
-        EXPECT_EQ(LSMsolver::mNumThreadsDefault, c.want);
-        EXPECT_EQ(g_setter_calls, c.setter_calls);
-        set_environment("3");
-        EXPECT_EQ(LSMsolver::establish_numthreads(-1), c.want);
-        EXPECT_EQ(g_setter_calls, c.setter_calls);
-    }
-    EXPECT_EQ(g_setter_last, 1);
+    LSMsolver::mNumThreadsDefault = decided;
+    g_setter_calls = g_setter_last = 0;
+    if (value)
+        setenv("OMP_NUM_THREADS", value, 1);
+    else
+        unsetenv("OMP_NUM_THREADS");
 }
 
-TEST_F(ThreadPolicy, ExplicitRequestIsUncappedAndReachesMklOnlyWhenItChanges)
-{
-    set_environment("2");
-    EXPECT_EQ(LSMsolver::establish_numthreads(4), 4);
-    EXPECT_EQ(LSMsolver::establish_numthreads(4), 4);
-    EXPECT_EQ(g_setter_calls, 1);
-    EXPECT_EQ(g_setter_last, 4);
-    EXPECT_EQ(LSMsolver::establish_numthreads(64), 64); // above the environment's cap of 20
-    EXPECT_EQ(LSMsolver::mNumThreadsDefault, 64);
-    EXPECT_EQ(g_setter_calls, 2);
-    EXPECT_EQ(g_setter_last, 64);
-}
-
-TEST_F(ThreadPolicy, InitDecidesTheSameWay)
+// Without a request, a decided count stands; before any decision OMP_NUM_THREADS read by atoi
+// decides within 1..20 without the setter (OpenMP reads the variable itself), and 1 outside that
+// range; only an unset variable gives 1 through the setter. init decides the same way, and the
+// decision is kept without reading the variable again.
+TEST(ThreadPolicy, EnvironmentDecidesOnceWithinOneToTwenty)
 {
     int ia[2] = {1, 2}, ja[1] = {1};
     double a[1] = {4.0};
     const struct {
-        const char* value; // nullptr: unset
-        int preset;        // mNumThreadsDefault before init
-        int want, setter_calls;
-    } cases[] = {{"32", -1, 1, 0}, {"8", -1, 8, 0}, {nullptr, -1, 1, 1}, {"8", 64, 64, 0}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << (c.value ? c.value : "(unset)") << ", " << c.preset);
-        reset();
-        LSMsolver::mNumThreadsDefault = c.preset;
-        set_environment(c.value);
-        {
-            LSMsolver s(1, ia, ja, a, 1, 0); // the data constructor runs init
+        const char* value;
+        int decided, want, setter_calls;
+    } cases[] = {{"8", -1, 8, 0}, {"20", -1, 20, 0}, {"21", -1, 1, 0}, {"0", -1, 1, 0},
+                 {"4x", -1, 4, 0}, {nullptr, -1, 1, 1}, {"8", 64, 64, 0}, {nullptr, 3, 3, 0}};
+    for (const auto& c : cases)
+        for (bool by_init : {false, true}) {
+            SCOPED_TRACE(testing::Message() << (c.value ? c.value : "(unset)") << ", decided "
+                                            << c.decided << (by_init ? ", by init" : ""));
+            start_from(c.value, c.decided);
+            if (by_init) {
+                LSMsolver(1, ia, ja, a, 1, 0); // the data constructor runs init
+            } else {
+                EXPECT_EQ(LSMsolver::establish_numthreads(0), c.want);
+            }
+            EXPECT_EQ(LSMsolver::mNumThreadsDefault, c.want);
+            EXPECT_EQ(g_setter_calls, c.setter_calls);
+            EXPECT_EQ(g_setter_last, c.setter_calls); // when called, the setter was given 1
+            setenv("OMP_NUM_THREADS", "3", 1);
+            EXPECT_EQ(LSMsolver::establish_numthreads(-1), c.want);
+            EXPECT_EQ(g_setter_calls, c.setter_calls);
         }
-        EXPECT_EQ(LSMsolver::mNumThreadsDefault, c.want);
-        EXPECT_EQ(g_setter_calls, c.setter_calls);
-    }
+}
+
+TEST(ThreadPolicy, ExplicitRequestIsUncappedAndReachesMklOnlyWhenItChanges)
+{
+    start_from("2");
+    EXPECT_EQ(LSMsolver::establish_numthreads(4), 4);
+    EXPECT_EQ(LSMsolver::establish_numthreads(4), 4);
+    EXPECT_EQ(g_setter_calls, 1);
+    EXPECT_EQ(LSMsolver::establish_numthreads(64), 64); // above the environment's cap of 20
+    EXPECT_EQ(LSMsolver::mNumThreadsDefault, 64);
+    EXPECT_EQ(g_setter_calls, 2);
+    EXPECT_EQ(g_setter_last, 64);
 }
 
 // ---- load-time environment ----
