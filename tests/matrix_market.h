@@ -9,7 +9,6 @@
 #define KELMATRIX_TEST_MATRIX_MARKET_H
 
 #include <algorithm>
-#include <cctype>
 #include <cmath>
 #include <fstream>
 #include <limits>
@@ -36,36 +35,25 @@ struct Coordinate {
 inline bool read_matrix_market(const std::string& path, Coordinate& m)
 {
     std::ifstream in(path);
-    std::string line;
+    std::string line, tag, object, format, field, symmetry;
     if (!std::getline(in, line))
         return false;
-    std::istringstream banner(line);
-    std::string tag, object, format, field, symmetry;
-    banner >> tag >> object >> format >> field >> symmetry;
-    for (std::string* s : {&object, &format, &field, &symmetry})
-        for (char& c : *s)
-            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    std::istringstream(line) >> tag >> object >> format >> field >> symmetry;
+    m.symmetric = symmetry == "symmetric";
     if (tag != "%%MatrixMarket" || object != "matrix" || format != "coordinate" ||
-        (field != "real" && field != "integer") ||
-        (symmetry != "general" && symmetry != "symmetric"))
+        (field != "real" && field != "integer") || (!m.symmetric && symmetry != "general"))
         return false;
     while (std::getline(in, line) && (line.empty() || line[0] == '%')) {
     }
-    int rows = 0, cols = 0;
+    int cols = 0;
     long long count = 0;
-    if (!(std::istringstream(line) >> rows >> cols >> count) || rows != cols)
+    if (!(std::istringstream(line) >> m.n >> cols >> count) || m.n != cols)
         return false;
-    m.n = rows;
-    m.symmetric = symmetry == "symmetric";
-    m.entries.clear();
-    m.entries.reserve(static_cast<std::size_t>(count));
-    for (long long k = 0; k < count; ++k) {
-        int i = 0, j = 0;
-        double v = 0.0;
-        if (!(in >> i >> j >> v) || i < 1 || j < 1 || i > rows || j > cols)
+    m.entries.resize(static_cast<std::size_t>(count));
+    for (Triplet& t : m.entries)
+        if (!(in >> t.row >> t.col >> t.value) || --t.row < 0 || --t.col < 0 || t.row >= m.n ||
+            t.col >= m.n)
             return false;
-        m.entries.push_back({i - 1, j - 1, v});
-    }
     return true;
 }
 
@@ -83,18 +71,14 @@ inline Csr build_csr(int n, std::vector<Triplet> entries, bool upper_only)
     std::sort(entries.begin(), entries.end(), [](const Triplet& x, const Triplet& y) {
         return std::tie(x.row, x.col) < std::tie(y.row, y.col);
     });
-    Csr c;
-    c.n = n;
-    c.upper_only = upper_only;
-    c.ia.assign(static_cast<std::size_t>(n) + 1, 0);
+    Csr c{n, upper_only, std::vector<int>(static_cast<std::size_t>(n) + 1, 1), {}, {}};
     for (const Triplet& t : entries) {
         ++c.ia[static_cast<std::size_t>(t.row) + 1];
         c.ja.push_back(t.col + 1);
         c.a.push_back(t.value);
     }
-    c.ia[0] = 1;
     for (int i = 0; i < n; ++i)
-        c.ia[i + 1] += c.ia[i];
+        c.ia[i + 1] += c.ia[i] - 1;
     return c;
 }
 
@@ -120,59 +104,38 @@ inline Csr full_csr(const Coordinate& m)
     return build_csr(m.n, m.entries, false);
 }
 
-/// y = A x for ncols columns of length n stored one after another.
-inline std::vector<double> multiply(const Csr& A, const std::vector<double>& x, int ncols)
-{
-    const std::size_t n = static_cast<std::size_t>(A.n);
-    std::vector<double> y(n * ncols, 0.0);
-    for (int c = 0; c < ncols; ++c) {
-        const double* xc = x.data() + c * n;
-        double* yc = y.data() + c * n;
-        for (int i = 0; i < A.n; ++i)
-            for (int k = A.ia[i] - 1; k < A.ia[i + 1] - 1; ++k) {
-                const int j = A.ja[k] - 1;
-                yc[i] += A.a[k] * xc[j];
-                if (A.upper_only && j != i)
-                    yc[j] += A.a[k] * xc[i];
-            }
-    }
-    return y;
-}
-
-/// Largest column sum of |A| (the mirrored triangle counted for upper_only).
-inline double norm1(const Csr& A)
-{
-    std::vector<double> sums(static_cast<std::size_t>(A.n), 0.0);
-    for (int i = 0; i < A.n; ++i)
-        for (int k = A.ia[i] - 1; k < A.ia[i + 1] - 1; ++k) {
-            const int j = A.ja[k] - 1;
-            sums[j] += std::fabs(A.a[k]);
-            if (A.upper_only && j != i)
-                sums[i] += std::fabs(A.a[k]);
-        }
-    return sums.empty() ? 0.0 : *std::max_element(sums.begin(), sums.end());
-}
-
-/// ||B - A X||_1 / (||A||_1 ||X||_1 n eps) over ncols columns.
+/// ||B - A X||_1 / (||A||_1 ||X||_1 n eps) over ncols columns of length n stored one after
+/// another (the mirrored triangle counted for upper_only); infinite if anything is not finite.
 inline double residual_ratio(const Csr& A, const std::vector<double>& x,
                              const std::vector<double>& b, int ncols)
 {
-    const std::vector<double> ax = multiply(A, x, ncols);
     const std::size_t n = static_cast<std::size_t>(A.n);
-    double r_norm = 0.0, x_norm = 0.0;
-    for (int c = 0; c < ncols; ++c) {
-        double r = 0.0, s = 0.0;
-        for (std::size_t i = c * n; i < (c + 1) * n; ++i) {
-            r += std::fabs(b[i] - ax[i]);
-            s += std::fabs(x[i]);
+    std::vector<double> r(b.begin(), b.begin() + n * ncols), col_sums(n, 0.0);
+    for (int i = 0; i < A.n; ++i)
+        for (int k = A.ia[i] - 1; k < A.ia[i + 1] - 1; ++k) {
+            const int j = A.ja[k] - 1;
+            const bool mirror = A.upper_only && j != i;
+            col_sums[j] += std::fabs(A.a[k]);
+            col_sums[i] += mirror ? std::fabs(A.a[k]) : 0.0;
+            for (std::size_t c = 0; c < static_cast<std::size_t>(ncols); ++c) {
+                r[c * n + i] -= A.a[k] * x[c * n + j];
+                r[c * n + j] -= mirror ? A.a[k] * x[c * n + i] : 0.0;
+            }
         }
-        if (!std::isfinite(r) || !std::isfinite(s)) // NaN would slip through std::max
+    double r_norm = 0.0, x_norm = 0.0;
+    for (std::size_t c = 0; c < static_cast<std::size_t>(ncols); ++c) {
+        double rs = 0.0, xs = 0.0;
+        for (std::size_t i = c * n; i < (c + 1) * n; ++i) {
+            rs += std::fabs(r[i]);
+            xs += std::fabs(x[i]);
+        }
+        if (!std::isfinite(rs) || !std::isfinite(xs)) // NaN would slip through std::max
             return std::numeric_limits<double>::infinity();
-        r_norm = std::max(r_norm, r);
-        x_norm = std::max(x_norm, s);
+        r_norm = std::max(r_norm, rs);
+        x_norm = std::max(x_norm, xs);
     }
-    const double denom = norm1(A) * x_norm * A.n * std::numeric_limits<double>::epsilon();
-    return denom > 0.0 ? r_norm / denom : r_norm;
+    const double a_norm = *std::max_element(col_sums.begin(), col_sums.end());
+    return r_norm / (a_norm * x_norm * A.n * std::numeric_limits<double>::epsilon());
 }
 
 } // namespace kt

@@ -1,9 +1,11 @@
 // KELMATRIX container tests
-// Alignment, flags and mirroring, sizing rules, band and packed addressing, conversions, scaling.
+// Alignment, flags and sizing rules, addressing and mirroring, the shallow and deep copies, the
+// conversions' storage counts, the scaling regions, and the sparse vector's exact rules.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
-#include <cstring>
+#include <limits>
 
 #include "kelmatrix/matrix.h"
 #include "test_util.h"
@@ -15,229 +17,122 @@ std::uintptr_t addr(const void* p)
     return reinterpret_cast<std::uintptr_t>(p);
 }
 
-class Misalignment : public ::testing::TestWithParam<int> {
-protected:
-    void TearDown() override { kelmatrix_set_mkl_misalignment(0); }
-};
-
-TEST_P(Misalignment, EveryBlockStartsAtTheShiftedBoundary)
+// The next 32-byte boundary at or after p, plus the shift in bytes; sparse positions unshifted.
+TEST(Storage, BlocksStartAtTheShiftedBoundary)
 {
-    const int shift = GetParam();
-    kelmatrix_set_mkl_misalignment(shift);
-    EXPECT_EQ(kelmatrix_get_mkl_misalignment(), shift);
-
-    double raw[64];
-    for (int k = 0; k < 32; ++k) {
-        const double* p = next_aligned_adr(raw + k);
-        EXPECT_EQ((addr(p) - shift) % 32, 0u);
-        EXPECT_GE(addr(p) - shift, addr(raw + k));
-        EXPECT_LT(addr(p) - shift, addr(raw + k) + 32);
+    kelmatrix_set_mkl_misalignment(24);
+    double raw[40];
+    for (int k = 0; k < 4; ++k) {
+        const std::uintptr_t p = addr(next_aligned_adr(raw + k)) - 24;
+        EXPECT_TRUE(p % 32 == 0 && p >= addr(raw + k) && p < addr(raw + k) + 32) << k;
     }
-
-    KelMatrix d;
-    d.Dimension(7, 5, -1, -1);
     KelMatrixBanded b;
     b.Dimension(9, 9, 2, 1);
-    KelMatrixPacked p;
-    p.Dimension(6, 6, -1, -1);
-    for (const KelGenericMatrix* m : {static_cast<KelGenericMatrix*>(&d), static_cast<KelGenericMatrix*>(&b),
-                                      static_cast<KelGenericMatrix*>(&p)})
-        EXPECT_EQ((addr(m->GetElements()) - shift) % 32, 0u);
-
     KelSparseVector v(4);
     const double dense[4] = {0.0, 1.0, 0.0, 3.0};
     ASSERT_TRUE(v.setAllElements(4, dense));
-    EXPECT_EQ((addr(v.data_ptr()) - shift) % 32, 0u);
-    EXPECT_EQ(addr(v.index_ptr()) % 32, 0u); // positions carry no misalignment
+    EXPECT_EQ((addr(b.GetElements()) - 24) % 32, 0u);
+    EXPECT_EQ((addr(v.data_ptr()) - 24) % 32, 0u);
+    EXPECT_EQ(addr(v.index_ptr()) % 32, 0u);
+    kelmatrix_set_mkl_misalignment(0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Bytes, Misalignment, ::testing::Values(0, 8, 24));
-
-TEST(GenericMatrix, FreshMatrixIsEmptyUpperAndUnbanded)
+TEST(GenericMatrix, FlagsAndBandSurviveDimensionAsDocumented)
 {
     KelMatrix m;
-    EXPECT_EQ(m.GetRowDim(), 0);
-    EXPECT_EQ(m.GetColDim(), 0);
-    EXPECT_EQ(m.GetLowerBandWidth(), -1);
     EXPECT_EQ(m.GetUpperBandWidth(), -1);
-    EXPECT_EQ(m.GetElements(), nullptr);
-    EXPECT_EQ(m.GetStorageSize(), 0);
-    EXPECT_FALSE(m.SymmetricQ());
-    EXPECT_FALSE(m.TriangularQ());
-    EXPECT_FALSE(m.UsesLowerQ());
-}
-
-TEST(GenericMatrix, DimensionClearsShapeFlagsOnlyWhenNotSquareAndKeepsAnEarlierBand)
-{
-    KelMatrix m;
+    EXPECT_FALSE(m.UsesLowerQ()); // a fresh matrix counts as upper
     m.SetSymmetric(true);
     m.SetTriangular(true);
     m.SetUsesLower();
     m.Dimension(4, 4, -1, -1);
-    EXPECT_TRUE(m.SymmetricQ());
-    EXPECT_TRUE(m.TriangularQ());
-    m.Dimension(3, 4, -1, -1);
-    EXPECT_FALSE(m.SymmetricQ());
-    EXPECT_FALSE(m.TriangularQ());
+    EXPECT_TRUE(m.SymmetricQ() && m.TriangularQ());
+    m.Dimension(3, 4, -1, -1); // not square: neither symmetric nor triangular
+    EXPECT_FALSE(m.SymmetricQ() || m.TriangularQ());
     EXPECT_TRUE(m.UsesLowerQ()); // never touched by Dimension
-    EXPECT_EQ(m.GetStorageSize(), 12);
-
-    m.Dimension(5, 5, 2, 1);
-    EXPECT_EQ(m.GetLowerBandWidth(), 2);
-    EXPECT_EQ(m.GetUpperBandWidth(), 1);
-    EXPECT_EQ(m.GetStorageSize(), 25); // the dense base sizes rows x cols even with a band
-    m.Dimension(5, 5, -1, -1);
-    EXPECT_EQ(m.GetLowerBandWidth(), 2);
-    EXPECT_EQ(m.GetUpperBandWidth(), 1);
-    m.Dimension(5, 5, 0, -1); // either width negative keeps the band
-    EXPECT_EQ(m.GetLowerBandWidth(), 2);
-
-    // The band state is observable through scaling: only the band of each column is scaled.
-    for (int k = 0; k < 25; ++k)
-        m.GetElements()[k] = 1.0;
-    m *= 3.0;
-    for (int j = 0; j < 5; ++j)
-        for (int i = 0; i < 5; ++i)
-            EXPECT_EQ(m(i, j), (i >= j - 1 && i <= j + 2) ? 3.0 : 1.0) << i << "," << j;
-}
-
-TEST(GenericMatrix, SetUsesUpperClearsTheOnlyTriangleBit)
-{
-    KelMatrix m;
-    m.SetUsesLower();
-    EXPECT_TRUE(m.UsesLowerQ());
     m.SetUsesUpper();
     EXPECT_FALSE(m.UsesLowerQ());
-    m.SetSymmetric(true);
     m.SetTriangular(true);
-    m.SetSymmetric(false);
-    EXPECT_FALSE(m.SymmetricQ());
+    m.SetSymmetric(false); // writes its own bit only
     EXPECT_TRUE(m.TriangularQ());
+    m.Dimension(5, 5, 2, 1);
+    EXPECT_EQ(m.GetStorageSize(), 25); // the dense base sizes rows x cols even with a band
+    m.Dimension(5, 5, 0, -1);          // either width negative keeps the earlier band
+    EXPECT_EQ(m.GetLowerBandWidth(), 2);
+    EXPECT_EQ(m.GetUpperBandWidth(), 1);
 }
 
-TEST(GenericMatrix, SetIdentityGoesThroughTheAccessor)
+TEST(GenericMatrix, AssignmentSharesAndSwapKeepsOwnership)
 {
-    KelMatrix d;
-    d.Dimension(3, 5, -1, -1);
-    d.SetIdentity();
-    int ones = 0;
-    for (int k = 0; k < d.GetStorageSize(); ++k)
-        ones += d.GetElements()[k] == 1.0;
-    EXPECT_EQ(ones, 3);
-    EXPECT_EQ(d(2, 2), 1.0);
-
-    KelMatrixBanded b;
-    b.Dimension(4, 4, 1, 2);
-    b.SetIdentity();
-    const int ld = 2 * 1 + 2 + 1;
-    for (int j = 0; j < 4; ++j)
-        for (int r = 0; r < ld; ++r)
-            EXPECT_EQ(b.GetElements()[ld * j + r], r == 1 + 2 ? 1.0 : 0.0);
-}
-
-TEST(GenericMatrix, ShallowAssignmentSharesTheBlock)
-{
-    KelMatrix a;
+    KelMatrix a, c, d;
     a.Dimension(2, 3, -1, -1);
-    a.SetSymmetric(true); // cleared by nothing: the assignment copies the flags as they stand
     auto* b = new KelMatrix;
     static_cast<KelGenericMatrix&>(*b) = static_cast<const KelGenericMatrix&>(a);
     EXPECT_EQ(b->GetElements(), a.GetElements());
-    EXPECT_EQ(b->GetRowDim(), 2);
-    EXPECT_EQ(b->GetColDim(), 3);
     EXPECT_EQ(b->GetStorageSize(), 6);
-    EXPECT_TRUE(b->SymmetricQ());
-    // Only one of the two may release the shared block: give b an empty state by hand-off.
-    KelMatrix empty;
-    static_cast<KelGenericMatrix&>(*b) = static_cast<const KelGenericMatrix&>(empty);
-    delete b;
+    static_cast<KelGenericMatrix&>(*b) = static_cast<const KelGenericMatrix&>(d); // so only a
+    delete b;                                                                      // releases
+
+    c.Dimension(2, 2, -1, -1);
+    d.Dimension(3, 1, 1, 0);
+    d.SetUsesLower();
+    double *pc = c.GetElements(), *pd = d.GetElements();
+    c.Swap(d);
+    EXPECT_TRUE(c.GetElements() == pd && d.GetElements() == pc);
+    EXPECT_EQ(c.GetRowDim(), 3);
+    EXPECT_EQ(c.GetLowerBandWidth(), 1);
+    EXPECT_TRUE(c.UsesLowerQ());
+    EXPECT_EQ(d.GetStorageSize(), 4);
+    c.Swap(d); // each still releases the block it allocated, which the other now views
 }
 
-TEST(GenericMatrix, SwapExchangesViewsButNotOwnership)
+TEST(DenseMatrix, SymmetricAccessMirrorsAndAssignmentCopiesDeeply)
 {
-    KelMatrix a, b;
-    a.Dimension(2, 2, -1, -1);
-    b.Dimension(3, 1, 1, 0);
-    b.SetUsesLower();
-    double* pa = a.GetElements();
-    double* pb = b.GetElements();
-    a.Swap(b);
-    EXPECT_EQ(a.GetElements(), pb);
-    EXPECT_EQ(b.GetElements(), pa);
-    EXPECT_EQ(a.GetRowDim(), 3);
-    EXPECT_EQ(a.GetLowerBandWidth(), 1);
-    EXPECT_TRUE(a.UsesLowerQ());
-    EXPECT_FALSE(b.UsesLowerQ());
-    EXPECT_EQ(b.GetStorageSize(), 4);
-    // Each still owns the block it allocated: re-dimensioning a releases a's own block, which b
-    // now views, so swap back before either is changed or destroyed.
-    a.Swap(b);
-    EXPECT_EQ(a.GetElements(), pa);
-}
-
-TEST(DenseMatrix, SymmetricAccessMirrorsIntoTheStoredTriangle)
-{
-    KelMatrix m;
-    m.Dimension(3, 3, -1, -1);
+    KelMatrix m, c;
+    m.Dimension(3, 3, 1, 0);
     m.SetZero();
     m.SetSymmetric(true);
     m.SetUsesLower();
     m(0, 2) = 5.0;
     EXPECT_EQ(m.GetElements()[2], 5.0); // stored at (2, 0)
-    EXPECT_EQ(m(2, 0), 5.0);
     EXPECT_EQ(static_cast<const KelMatrix&>(m)(0, 2), 5.0);
-
     m.SetUsesUpper();
     m(2, 0) = 7.0;
     EXPECT_EQ(m.GetElements()[6], 7.0); // stored at (0, 2)
-
     m.SetSymmetric(false);
     m.SetTriangular(true); // triangular alone does not mirror
     m(2, 1) = 9.0;
     EXPECT_EQ(m.GetElements()[5], 9.0);
+    c = m;
+    EXPECT_NE(c.GetElements(), m.GetElements());
+    EXPECT_EQ(kt::snapshot(c), kt::snapshot(m));
+    EXPECT_TRUE(c.GetLowerBandWidth() == 1 && c.TriangularQ());
 }
 
-TEST(DenseMatrix, DeepAssignmentCopiesEverything)
+// Band first (column j: rows j - ku .. j + kl), then all storage when neither symmetric nor
+// triangular, then the triangle usesLower names.
+TEST(DenseMatrix, ScalingRegionFollowsTheFlags)
 {
-    KelMatrix a, b;
-    a.Dimension(3, 2, 1, 0);
-    for (int k = 0; k < 6; ++k)
-        a.GetElements()[k] = k + 0.5;
-    a.SetUsesLower();
-    b = a;
-    EXPECT_NE(b.GetElements(), a.GetElements());
-    EXPECT_EQ(0, std::memcmp(b.GetElements(), a.GetElements(), 6 * sizeof(double)));
-    EXPECT_EQ(b.GetLowerBandWidth(), 1);
-    EXPECT_EQ(b.GetUpperBandWidth(), 0);
-    EXPECT_TRUE(b.UsesLowerQ());
-}
-
-TEST(DenseMatrix, ScalingRegionsFollowTheFlags)
-{
-    const int n = 4;
-    auto ones = [&](KelMatrix& m) {
+    const int n = 5;
+    for (int kind = 0; kind < 4; ++kind) {
+        KelMatrix m;
+        m.SetSymmetric(kind == 2);
+        m.SetTriangular(kind == 3);
+        m.Dimension(n, n, kind == 1 ? 2 : -1, kind == 1 ? 1 : -1);
+        if (kind == 3)
+            m.SetUsesLower();
         for (int k = 0; k < n * n; ++k)
             m.GetElements()[k] = 1.0;
-    };
-    KelMatrix full, upper, lower;
-    full.Dimension(n, n, -1, -1);
-    upper.Dimension(n, n, -1, -1);
-    lower.Dimension(n, n, -1, -1);
-    ones(full);
-    ones(upper);
-    ones(lower);
-    upper.SetSymmetric(true);
-    lower.SetTriangular(true);
-    lower.SetUsesLower();
-    full *= 2.0;
-    upper *= 2.0;
-    lower *= 2.0;
-    for (int j = 0; j < n; ++j)
-        for (int i = 0; i < n; ++i) {
-            EXPECT_EQ(full.GetElements()[n * j + i], 2.0);
-            EXPECT_EQ(upper.GetElements()[n * j + i], i <= j ? 2.0 : 1.0);
-            EXPECT_EQ(lower.GetElements()[n * j + i], i >= j ? 2.0 : 1.0);
+        m *= 3.0;
+        for (int k = 0; k < n * n; ++k) {
+            const int i = k % n, j = k / n;
+            const bool in = kind == 0   ? true
+                            : kind == 1 ? i >= j - 1 && i <= j + 2
+                            : kind == 2 ? i <= j
+                                        : i >= j;
+            EXPECT_EQ(m.GetElements()[k], in ? 3.0 : 1.0) << kind << ": " << i << "," << j;
         }
+    }
 }
 
 TEST(BandMatrix, SizingAndAddressing)
@@ -246,96 +141,98 @@ TEST(BandMatrix, SizingAndAddressing)
     b.Dimension(5, 5, 2, 1);
     EXPECT_EQ(b.GetStorageSize(), 6 * 5);
     EXPECT_EQ(&b(3, 2), b.GetElements() + 16);
-    b.Dimension(4, 6, 1, 1);
-    EXPECT_EQ(b.GetStorageSize(), 4 * 6); // by the columns, not the rows
-
-    KelMatrixBanded s;
-    s.SetSymmetric(true);
-    s.SetUsesLower();
-    s.DimensionSquare(5, 2, 0); // band sizing through the virtual table
-    EXPECT_EQ(s.GetStorageSize(), 5 * 5);
-    EXPECT_TRUE(s.SymmetricQ()); // Dimension of a band matrix keeps the flags
-    EXPECT_EQ(&s(1, 3), s.GetElements() + 9);
-
-    KelMatrixBanded tall;
-    tall.SetSymmetric(true);
-    tall.Dimension(3, 5, 0, 0);
-    EXPECT_TRUE(tall.SymmetricQ()); // even when not square
+    b.SetSymmetric(true);
+    b.SetUsesLower();
+    b.DimensionSquare(5, 2, 0); // band sizing through the virtual table
+    EXPECT_EQ(b.GetStorageSize(), 5 * 5);
+    EXPECT_EQ(&b(1, 3), b.GetElements() + 9); // mirrored to (3, 1)
+    b.Dimension(3, 5, 1, 2);
+    EXPECT_EQ(b.GetStorageSize(), 5 * 5); // by the columns, not the rows
+    EXPECT_TRUE(b.SymmetricQ());          // band Dimension keeps the flags even when not square
+    b.SetSymmetric(false);
+    b.SetIdentity(); // zero fill, then 1.0 at (k, k) for k < min(rows, cols) through the accessor
+    for (int k = 0; k < 5 * 5; ++k)
+        EXPECT_EQ(b.GetElements()[k], k % 5 == 3 && k < 15 ? 1.0 : 0.0) << k;
 }
 
+// The dense copy keeps the band's storage count and zeroes only that many doubles; the count
+// then rules SetZero too, and the kept band rules scaling.
 TEST(BandMatrix, ConversionToDenseKeepsTheBandCount)
 {
-    // kl = 1, ku = 1: the band count equals 16 = 4 x 4, so every off-band element is zero.
-    KelMatrixBanded b;
-    b.Dimension(4, 4, 1, 1);
-    b.SetZero();
-    for (int j = 0; j < 4; ++j)
-        for (int i = std::max(0, j - 1); i <= std::min(3, j + 1); ++i)
-            b(i, j) = 10.0 * i + j + 1.0;
-    KelMatrix d;
-    d = b;
-    EXPECT_EQ(d.GetStorageSize(), 16);
-    EXPECT_EQ(d.GetLowerBandWidth(), 1);
-    EXPECT_EQ(d.GetUpperBandWidth(), 1);
-    for (int j = 0; j < 4; ++j)
-        for (int i = 0; i < 4; ++i)
-            EXPECT_EQ(d(i, j), std::abs(i - j) <= 1 ? 10.0 * i + j + 1.0 : 0.0);
-    d *= 2.0; // banded is kept: only the band is scaled
-    EXPECT_EQ(d(1, 0), 2.0 * 11.0);
-
-    // kl = 0, ku = 1: the band count is 8, so only the first 8 doubles are zeroed.
-    KelMatrixBanded u;
-    u.Dimension(4, 4, 0, 1);
-    u.SetZero();
-    for (int j = 0; j < 4; ++j)
-        for (int i = std::max(0, j - 1); i <= j; ++i)
-            u(i, j) = 1.0 + i + j;
-    KelMatrix e;
-    e = u;
-    EXPECT_EQ(e.GetStorageSize(), 8);
-    for (int j = 0; j < 4; ++j)
-        for (int i = std::max(0, j - 1); i <= j; ++i)
-            EXPECT_EQ(e(i, j), 1.0 + i + j);
-    EXPECT_EQ(e(1, 0), 0.0); // index 1: inside the zeroed count
-    e.SetZero();             // SetZero sees only the band count, too
-    EXPECT_EQ(e(1, 1), 0.0); // index 5
-    EXPECT_EQ(e(2, 2), 5.0); // index 10: beyond the 8 doubles
-    EXPECT_EQ(e(3, 3), 7.0);
+    for (int kl : {1, 0}) {
+        KelMatrixBanded b;
+        b.Dimension(4, 4, kl, 1);
+        for (int j = 0; j < 4; ++j)
+            for (int i = std::max(0, j - 1); i <= std::min(3, j + kl); ++i)
+                b(i, j) = 10.0 * i + j + 1.0;
+        KelMatrix d;
+        d = b;
+        const int count = (2 * kl + 2) * 4;
+        EXPECT_EQ(d.GetStorageSize(), count);
+        for (int k = 0; k < 16; ++k) {
+            const int i = k % 4, j = k / 4;
+            const bool in = i - j <= kl && j - i <= 1;
+            if (in || k < count) {
+                EXPECT_EQ(d(i, j), in ? 10.0 * i + j + 1.0 : 0.0) << kl << ": " << k;
+            }
+        }
+        d.SetZero();
+        EXPECT_EQ(d(3, 3), kl == 1 ? 0.0 : 34.0); // index 15: beyond a count of 8
+        d(3, 0) = 1.0;
+        d *= 2.0;
+        EXPECT_EQ(d(3, 0), 1.0); // outside the band
+    }
 }
 
-TEST(PackedMatrix, LayoutAndConversion)
+TEST(PackedMatrix, ConversionCopiesTheStoredTriangleAndKeepsThePackedCount)
 {
-    const int n = 3;
-    KelMatrixPacked up;
-    up.Dimension(n, n, -1, -1);
-    EXPECT_EQ(up.GetStorageSize(), 6);
-    for (int j = 0; j < n; ++j)
+    KelMatrixPacked p;
+    p.Dimension(3, 3, -1, -1);
+    for (int j = 0; j < 3; ++j)
         for (int i = 0; i <= j; ++i)
-            up(i, j) = 1.0 + i + 10.0 * j;
-    EXPECT_EQ(up.GetElements()[1 + 2 * 3 / 2], 22.0); // (1, 2) at i + j(j+1)/2
-    EXPECT_EQ(up(2, 1), up(1, 2));                    // mirrors without the symmetric flag
-
+            p(i, j) = 1.0 + i + 10.0 * j;
+    EXPECT_EQ(p.GetElements()[4], 22.0); // (1, 2) at i + j (j + 1) / 2
     KelMatrix d;
-    d = up;
-    EXPECT_EQ(d.GetStorageSize(), 6); // the packed count is kept
-    for (int j = 0; j < n; ++j)
-        for (int i = 0; i <= j; ++i)
-            EXPECT_EQ(d(i, j), 1.0 + i + 10.0 * j);
-    for (int k : {1, 2}) // lower part inside the packed count was zero-filled
-        EXPECT_EQ(d.GetElements()[k], 0.0);
+    d = p;
+    EXPECT_EQ(d.GetStorageSize(), 6);
+    const double want[6] = {1, 0, 0, 11, 12, 0}; // the lower part inside the count is zeroed
+    for (int k = 0; k < 6; ++k)
+        EXPECT_EQ(d.GetElements()[k], want[k]) << k;
+    EXPECT_EQ(d(0, 2), 21.0);
+    EXPECT_EQ(d(2, 2), 23.0);
+}
 
-    KelMatrixPacked lo;
-    lo.SetUsesLower();
-    lo.Dimension(n, n, -1, -1);
-    for (int j = 0; j < n; ++j)
-        for (int i = j; i < n; ++i)
-            lo(i, j) = 100.0 + i + 10.0 * j;
-    EXPECT_EQ(lo.GetElements()[2 + 1 * (2 * n - 1 - 1) / 2], 112.0); // (2, 1)
-    KelMatrix e;
-    e = lo;
-    for (int j = 0; j < n; ++j)
-        for (int i = j; i < n; ++i)
-            EXPECT_EQ(e.GetElements()[n * j + i], 100.0 + i + 10.0 * j);
+TEST(SparseVector, ExactNonZerosAtOneBasedPositionsAndShallowAssignment)
+{
+    KelSparseVector v(5);
+    const double in[4] = {0.0, 2.5, -0.0, std::numeric_limits<double>::quiet_NaN()};
+    ASSERT_TRUE(v.setAllElements(4, in));
+    ASSERT_EQ(v.weight(), 2u); // -0.0 is zero, NaN is not
+    EXPECT_EQ(v.index_ptr()[0], 2);
+    EXPECT_EQ(v.data_ptr()[0], 2.5);
+    EXPECT_TRUE(std::isnan(v.data_ptr()[1]));
+    double out[5] = {9, 9, 9, 9, 9};
+    ASSERT_TRUE(v.getAllElements(5, out));
+    EXPECT_EQ(out[1], 2.5);
+    EXPECT_EQ(out[4], 0.0);
+    EXPECT_FALSE(v.setAllElements(6, in)); // longer than the dimension: nothing changes
+    EXPECT_EQ(v.weight(), 2u);
+    double short_out[4] = {7, 7, 7, 7};
+    EXPECT_FALSE(v.getAllElements(4, short_out)); // shorter than the dimension: untouched
+    EXPECT_EQ(short_out[0], 7.0);
+
+    const double y[5] = {1, 10, 100, 1000, 10000};
+    ASSERT_TRUE(v.setAllElements(2, in));
+    EXPECT_EQ(v.multiply(y), 25.0);
+    auto* w = new KelSparseVector(9);
+    *w = v;
+    EXPECT_EQ(w->getDim(), 5u);
+    EXPECT_EQ(w->data_ptr(), v.data_ptr());
+    *w = KelSparseVector(); // hand w an empty state so that the shared blocks are released once
+    delete w;
+    v.setDim(7);
+    EXPECT_EQ(v.weight(), 0u);
+    EXPECT_EQ(v.multiply(y), 0.0);
 }
 
 } // namespace

@@ -190,17 +190,6 @@ inline Dense remove_index(const Dense& a, int p, bool square)
     return r;
 }
 
-/// The diagonal and upper band (j - i <= bw) of a library matrix, zero elsewhere. Reads only
-/// inside the band, so it is safe on band storage.
-inline Dense upper_band(const KelGenericMatrix& m, int bw)
-{
-    Dense a(m.GetRowDim(), m.GetRowDim());
-    for (int j = 0; j < a.cols; ++j)
-        for (int i = std::max(0, j - bw); i <= j; ++i)
-            a(i, j) = m(i, j);
-    return a;
-}
-
 /// A dense KelMatrix built from a reference matrix in place (KelMatrix has no copy constructor).
 struct KelOf : KelMatrix {
     explicit KelOf(const Dense& a) { to_kel(a, *this); }

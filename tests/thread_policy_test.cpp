@@ -2,13 +2,12 @@
 // LSMsolver::establish_numthreads and init's thread decision, and KMP_DUPLICATE_LIB_OK at start.
 //
 // This executable defines its own `mkl_set_num_threads`, which the library's calls reach first;
-// it counts the calls and forwards them to MKL's. Every case starts from an undecided count
-// (mNumThreadsDefault = -1) and sets or unsets OMP_NUM_THREADS itself.
+// it counts the calls and forwards them to MKL's. Every case sets the decided count and sets or
+// unsets OMP_NUM_THREADS itself.
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -35,118 +34,59 @@ extern "C" __attribute__((visibility("default"))) void mkl_set_num_threads(const
 
 namespace {
 
-class ThreadPolicy : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        const char* v = std::getenv("OMP_NUM_THREADS");
-        had_value_ = v != nullptr;
-        saved_ = v ? v : "";
-        reset();
-    }
-    void TearDown() override
-    {
-        if (had_value_)
-            setenv("OMP_NUM_THREADS", saved_.c_str(), 1);
-        else
-            unsetenv("OMP_NUM_THREADS");
-        LSMsolver::mNumThreadsDefault = -1;
-    }
-    static void reset()
-    {
-        LSMsolver::mNumThreadsDefault = -1;
-        g_setter_calls = 0;
-        g_setter_last = 0;
-    }
-
-private:
-    bool had_value_ = false;
-    std::string saved_;
-};
-
-TEST_F(ThreadPolicy, EnvironmentDecidesWithinOneToTwentyWithoutTheSetter)
+// An undecided (-1) or given count, no setter calls yet, OMP_NUM_THREADS set (nullptr: unset).
+void start_from(const char* value, int decided = -1)
 {
-    const struct {
-        const char* value;
-        int want;
-    } cases[] = {{"8", 8}, {"1", 1}, {"20", 20}, {"21", 1}, {"32", 1},
-                 {"0", 1}, {"-3", 1}, {"abc", 1}, {"4x", 4}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string("OMP_NUM_THREADS=") + c.value);
-        reset();
-        setenv("OMP_NUM_THREADS", c.value, 1);
-        EXPECT_EQ(LSMsolver::establish_numthreads(0), c.want);
-        EXPECT_EQ(LSMsolver::mNumThreadsDefault, c.want);
-        EXPECT_EQ(g_setter_calls, 0);
-    }
+    LSMsolver::mNumThreadsDefault = decided;
+    g_setter_calls = g_setter_last = 0;
+    if (value)
+        setenv("OMP_NUM_THREADS", value, 1);
+    else
+        unsetenv("OMP_NUM_THREADS");
 }
 
-TEST_F(ThreadPolicy, UnsetEnvironmentGivesOneThroughTheSetter)
-{
-    unsetenv("OMP_NUM_THREADS");
-    EXPECT_EQ(LSMsolver::establish_numthreads(0), 1);
-    EXPECT_EQ(LSMsolver::mNumThreadsDefault, 1);
-    EXPECT_EQ(g_setter_calls, 1);
-    EXPECT_EQ(g_setter_last, 1);
-    EXPECT_EQ(LSMsolver::establish_numthreads(-2), 1);
-    EXPECT_EQ(g_setter_calls, 1);
-}
-
-TEST_F(ThreadPolicy, DecidedCountIsKeptWithoutReadingTheEnvironmentAgain)
-{
-    setenv("OMP_NUM_THREADS", "8", 1);
-    ASSERT_EQ(LSMsolver::establish_numthreads(0), 8);
-    setenv("OMP_NUM_THREADS", "3", 1);
-    EXPECT_EQ(LSMsolver::establish_numthreads(0), 8);
-    unsetenv("OMP_NUM_THREADS");
-    EXPECT_EQ(LSMsolver::establish_numthreads(-1), 8);
-    EXPECT_EQ(g_setter_calls, 0);
-}
-
-TEST_F(ThreadPolicy, ExplicitRequestIsUncappedAndReachesMklOnlyWhenItChanges)
-{
-    setenv("OMP_NUM_THREADS", "2", 1);
-    EXPECT_EQ(LSMsolver::establish_numthreads(4), 4);
-    EXPECT_EQ(LSMsolver::establish_numthreads(4), 4);
-    EXPECT_EQ(g_setter_calls, 1);
-    EXPECT_EQ(g_setter_last, 4);
-
-    EXPECT_EQ(LSMsolver::establish_numthreads(64), 64); // above the environment's cap of 20
-    EXPECT_EQ(LSMsolver::mNumThreadsDefault, 64);
-    EXPECT_EQ(g_setter_calls, 2);
-    EXPECT_EQ(g_setter_last, 64);
-    EXPECT_EQ(LSMsolver::establish_numthreads(0), 64);
-    EXPECT_EQ(g_setter_calls, 2);
-}
-
-TEST_F(ThreadPolicy, InitDecidesTheSameWay)
+// Without a request, a decided count stands; before any decision OMP_NUM_THREADS read by atoi
+// decides within 1..20 without the setter (OpenMP reads the variable itself), and 1 outside that
+// range; only an unset variable gives 1 through the setter. init decides the same way, and the
+// decision is kept without reading the variable again.
+TEST(ThreadPolicy, EnvironmentDecidesOnceWithinOneToTwenty)
 {
     int ia[2] = {1, 2}, ja[1] = {1};
     double a[1] = {4.0};
     const struct {
-        const char* value; // nullptr: unset
-        int preset;        // mNumThreadsDefault before init
-        int want, setter_calls;
-    } cases[] = {{"32", -1, 1, 0}, {"8", -1, 8, 0}, {nullptr, -1, 1, 1}, {"8", 64, 64, 0},
-                 {nullptr, 3, 3, 0}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string("OMP_NUM_THREADS=") + (c.value ? c.value : "(unset)") +
-                     ", decided " + std::to_string(c.preset));
-        reset();
-        LSMsolver::mNumThreadsDefault = c.preset;
-        if (c.value)
-            setenv("OMP_NUM_THREADS", c.value, 1);
-        else
-            unsetenv("OMP_NUM_THREADS");
-        {
-            LSMsolver s(1, ia, ja, a, 1, 0); // the data constructor runs init
+        const char* value;
+        int decided, want, setter_calls;
+    } cases[] = {{"8", -1, 8, 0}, {"20", -1, 20, 0}, {"21", -1, 1, 0}, {"0", -1, 1, 0},
+                 {"4x", -1, 4, 0}, {nullptr, -1, 1, 1}, {"8", 64, 64, 0}, {nullptr, 3, 3, 0}};
+    for (const auto& c : cases)
+        for (bool by_init : {false, true}) {
+            SCOPED_TRACE(testing::Message() << (c.value ? c.value : "(unset)") << ", decided "
+                                            << c.decided << (by_init ? ", by init" : ""));
+            start_from(c.value, c.decided);
+            if (by_init) {
+                LSMsolver(1, ia, ja, a, 1, 0); // the data constructor runs init
+            } else {
+                EXPECT_EQ(LSMsolver::establish_numthreads(0), c.want);
+            }
+            EXPECT_EQ(LSMsolver::mNumThreadsDefault, c.want);
+            EXPECT_EQ(g_setter_calls, c.setter_calls);
+            EXPECT_EQ(g_setter_last, c.setter_calls); // when called, the setter was given 1
+            setenv("OMP_NUM_THREADS", "3", 1);
+            EXPECT_EQ(LSMsolver::establish_numthreads(-1), c.want);
+            EXPECT_EQ(g_setter_calls, c.setter_calls);
         }
-        EXPECT_EQ(LSMsolver::mNumThreadsDefault, c.want);
-        EXPECT_EQ(g_setter_calls, c.setter_calls);
-        if (c.setter_calls > 0) {
-            EXPECT_EQ(g_setter_last, 1);
-        }
-    }
+}
+
+TEST(ThreadPolicy, ExplicitRequestIsUncappedAndReachesMklOnlyWhenItChanges)
+{
+    start_from("2");
+    EXPECT_EQ(LSMsolver::establish_numthreads(4), 4);
+    EXPECT_EQ(LSMsolver::establish_numthreads(4), 4);
+    EXPECT_EQ(g_setter_calls, 1);
+    EXPECT_EQ(LSMsolver::establish_numthreads(64), 64); // above the environment's cap of 20
+    EXPECT_EQ(LSMsolver::mNumThreadsDefault, 64);
+    EXPECT_EQ(g_setter_calls, 2);
+    EXPECT_EQ(g_setter_last, 64);
 }
 
 // ---- load-time environment ----
@@ -154,28 +94,20 @@ TEST_F(ThreadPolicy, InitDecidesTheSameWay)
 // Read before main runs, after the library's own load-time initializers.
 const char* const kDuplicateLibOkAtStart = std::getenv("KMP_DUPLICATE_LIB_OK");
 
-// The value this process was started with, from the environment block the kernel handed it;
-// setenv never writes there.
-bool launched_with(const std::string& name, std::string& value)
+// Whether this process was started with KMP_DUPLICATE_LIB_OK=TRUE, from the environment block
+// the kernel handed it; setenv never writes there.
+bool launched_with_duplicate_lib_ok()
 {
     std::ifstream in("/proc/self/environ", std::ios::binary);
-    const std::string block{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    const std::string key = name + "=";
-    for (std::size_t pos = 0; pos < block.size();) {
-        const std::size_t end = std::min(block.find('\0', pos), block.size());
-        if (block.compare(pos, key.size(), key) == 0) {
-            value = block.substr(pos + key.size(), end - pos - key.size());
-            return true;
-        }
-        pos = end + 1;
-    }
-    return false;
+    const std::string block = std::string(1, '\0') +
+                              std::string{std::istreambuf_iterator<char>(in), {}} + '\0';
+    const std::string entry = std::string(1, '\0') + "KMP_DUPLICATE_LIB_OK=TRUE" + '\0';
+    return block.find(entry) != std::string::npos;
 }
 
 TEST(LoadEnvironment, DuplicateOpenMpRuntimeIsAllowedBeforeMainStarts)
 {
-    std::string launched;
-    if (launched_with("KMP_DUPLICATE_LIB_OK", launched) && launched == "TRUE")
+    if (launched_with_duplicate_lib_ok())
         GTEST_SKIP() << "started with KMP_DUPLICATE_LIB_OK=TRUE: the library's setting cannot "
                         "be told apart";
     ASSERT_NE(kDuplicateLibOkAtStart, nullptr);

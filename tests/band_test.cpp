@@ -1,0 +1,292 @@
+// KELMATRIX native band solver tests
+// The band Cholesky (tolerance, dropped pivots, the three diagonal tests, fixed summation
+// orders, bit-identity across storages, band-width defaults), the cyclic band Cholesky (what it
+// reads and writes, degenerate borders, the Schur-only count) and the bordered solve driver (kd
+// truncation, untouched inputs, failures, the sign flip of a negative definite Schur complement).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+
+#include "kelmatrix/band.h"
+#include "test_util.h"
+
+namespace {
+
+const double kInf = std::numeric_limits<double>::infinity();
+const double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+kt::Dense matrix(int rows, int cols, std::initializer_list<double> column_major)
+{
+    kt::Dense a(rows, cols);
+    a.v.assign(column_major);
+    return a;
+}
+
+// Factors A with (bw, tol), expects the count, solves b and returns the solution.
+kt::Dense factor_and_solve(KelMatrix& A, int bw, double tol, int count, const kt::Dense& b)
+{
+    EXPECT_EQ(Cholesky_factor(A, bw, tol), count);
+    kt::KelOf B(b);
+    Cholesky_subst(A, bw, B);
+    return kt::from_kel(B);
+}
+
+TEST(BandCholesky, WorkedExamples)
+{
+    kt::KelOf A(matrix(2, 2, {1, 7, 1, 1})); // 7: the lower triangle is never touched
+    EXPECT_TRUE(kt::same_bits(factor_and_solve(A, 1, 1e-12, 1, matrix(2, 1, {2, 2})),
+                              matrix(2, 1, {2, 0})));
+    EXPECT_TRUE(kt::same_bits(kt::from_kel(A), matrix(2, 2, {1, 7, 1, -1}))); // d = 0: dropped
+    kt::KelOf F(matrix(1, 1, {4}));
+    EXPECT_EQ(factor_and_solve(F, 0, 0.0, 1, matrix(1, 1, {8})).v[0], 2.0);
+    EXPECT_EQ(F(0, 0), 2.0);
+
+    // The tolerance is strict and applies to d = U(i,i)^2, not to U(i,i).
+    const kt::Dense a = matrix(2, 2, {4, 2, 2, 2}); // U = [2 1; 0 1]: d1 = 1 exactly
+    kt::KelOf T(a), T2(a), G(matrix(1, 1, {4}));
+    EXPECT_EQ(Cholesky_factor(T, 1, 1.0), 2); // d == tol is accepted
+    EXPECT_EQ(Cholesky_factor(T2, 1, std::nextafter(1.0, 2.0)), 1);
+    EXPECT_EQ(T2(1, 1), -1.0);
+    EXPECT_EQ(Cholesky_factor(G, 1, 3.0), 1); // d = 4 >= 3 although sqrt(d) = 2 < 3
+}
+
+// With tol = 0 a zero pivot is accepted and the three diagonal tests part ways: the
+// factorization skips row 0 (> 0), the forward pass divides by it and lets it contribute
+// (>= 0), the backward pass gives its unknown 0 (> 0). A dropped pivot (-1.0) keeps its row's
+// input and is left out of every later sum.
+TEST(BandCholesky, ZeroAndDroppedPivots)
+{
+    kt::KelOf Z(matrix(2, 2, {0, 1, 1, 4}));
+    const kt::Dense z = factor_and_solve(Z, 1, 0.0, 2, matrix(2, 1, {1, 1}));
+    EXPECT_EQ(Z(0, 1), kInf);
+    EXPECT_EQ(Z(1, 1), 2.0); // 4 - inf^2 would have dropped it
+    EXPECT_TRUE(kt::same_bits(z, matrix(2, 1, {0, -kInf}))); // y1 = (1 - inf * inf) / 2
+
+    kt::KelOf D(matrix(3, 3, {1, 1, 1, 1, 1, 1, 1, 1, 2}));
+    EXPECT_TRUE(kt::same_bits(factor_and_solve(D, 2, 1e-12, 2, matrix(3, 1, {2, 2, 3})),
+                              matrix(3, 1, {1, 0, 1})));
+    EXPECT_EQ(D(1, 2), 1.0);
+    EXPECT_EQ(D(2, 2), 1.0); // 2 - 1, without the dropped row's 1
+}
+
+// Exact factors chosen so that one rounding tie decides the result: the forward pass subtracts
+// from k = i-1 down to 0, the backward pass from k = i+1 up. (Either order reversed moves the
+// pinned solution by 2^-54.)
+TEST(BandCholesky, SubstitutionSumsRunInTheirFixedOrder)
+{
+    const double t = std::ldexp(1.0, -54); // half an ulp of 1: 1 - t rounds to 1
+    kt::KelOf A(matrix(3, 3, {1, 0, 1, 0, 1, 1, 1, 1, 3})); // U = [1 0 1; 0 1 1; 0 0 1]
+    EXPECT_TRUE(kt::same_bits(factor_and_solve(A, 2, 1e-12, 3, matrix(3, 1, {1, t, 1})),
+                              matrix(3, 1, {1, t, 0}))); // y2 = (1 - t) - 1, not (1 - 1) - t
+    kt::KelOf A2(matrix(3, 3, {1, t, 1, t, 1, t, 1, t, 2})); // U = [1 t 1; 0 1 0; 0 0 1]
+    EXPECT_TRUE(kt::same_bits(factor_and_solve(A2, 2, 1e-12, 3, matrix(3, 1, {1, 1, 2})),
+                              matrix(3, 1, {0, 1, 1}))); // x0 = (1 - t) - 1, not (1 - 1) - t
+}
+
+// Band storage, dense storage with garbage below the diagonal and a user storage give the same
+// bits. bw = 0 means the recorded upper band width (the band's), else the order (dense and user:
+// the same bits, the extra terms being exact zeros). The dropped pivot's unknown is 0 and the
+// rest solves the system without it.
+TEST(BandCholesky, EveryStorageGivesTheSameBits)
+{
+    std::mt19937_64 rng(kt::seed());
+    SCOPED_TRACE(kt::seed_note());
+    const int n = 13, bw = 3, p = 5;
+    kt::Dense a = kt::random_spd(rng, n, bw);
+    a(p, p) = 0.0;
+    const kt::Dense b = kt::random_dense(rng, n, 3);
+    KelMatrixBanded band;
+    KelMatrix dense;
+    kt::MapMatrix user(n, n);
+    kt::to_band_upper(a, bw, band);
+    kt::to_kel_upper(a, dense);
+    kt::fill(user, a);
+    const kt::Dense x = factor_and_solve(dense, 0, 1e-10, n - 1, b);
+    EXPECT_EQ(dense.GetElements()[n - 1], kt::kGarbage);
+    for (int c = 0; c < 3; ++c)
+        EXPECT_EQ(x(p, c), 0.0);
+    EXPECT_LT(kt::residual_ratio(kt::remove_index(a, p, true), kt::remove_index(x, p, false),
+                                 kt::remove_index(b, p, false)),
+              30.0);
+    for (KelGenericMatrix* A : {static_cast<KelGenericMatrix*>(&band),
+                                static_cast<KelGenericMatrix*>(&user)}) {
+        EXPECT_EQ(Cholesky_factor(*A, 0, 1e-10), n - 1);
+        kt::KelOf B(b);
+        Cholesky_subst(*A, 0, B);
+        EXPECT_TRUE(kt::same_bits(kt::upper_of(*A, bw), kt::upper_of(dense, bw)));
+        EXPECT_TRUE(kt::same_bits(kt::from_kel(B), x));
+    }
+}
+
+// ---- cyclic (bordered) systems ----
+
+// Order n, 4 on the diagonal, -1 beside it and in the corners (0, n-1) and (n-1, 0).
+kt::Dense periodic(int n)
+{
+    kt::Dense a(n, n);
+    for (int i = 0; i < n; ++i) {
+        a(i, i) = 4.0;
+        a(i, (i + 1) % n) = a((i + 1) % n, i) = -1.0;
+    }
+    return a;
+}
+
+// SPD: a band block of order nb and half-bandwidth bw, and a dense border of m.
+kt::Dense bordered_spd(std::mt19937_64& rng, int nb, int bw, int m)
+{
+    kt::Dense a = kt::random_spd(rng, nb + m, nb + m); // diagonally dominant, so it stays SPD
+    for (int j = 0; j < nb; ++j)
+        for (int i = 0; i < nb; ++i)
+            a(i, j) = std::abs(i - j) > bw ? 0.0 : a(i, j);
+    return a;
+}
+
+// NaN in every entry that the bordered routines must neither read nor write: all but the upper
+// band of A11, A12 and the upper triangle of A22.
+bool is_read(int i, int j, int nb, int bw)
+{
+    return i <= j && (j >= nb || j - i <= bw);
+}
+
+KelMatrix& with_unread_nan(KelMatrix& m, int nb, int bw)
+{
+    for (int j = 0; j < m.GetColDim(); ++j)
+        for (int i = 0; i < m.GetRowDim(); ++i)
+            m(i, j) = is_read(i, j, nb, bw) ? m(i, j) : kNaN;
+    return m;
+}
+
+// Both solvers on the periodic matrix: bandWidth 3 and 2 give the same kd = 1 in the driver,
+// which reads only the documented entries through the const accessor and changes neither A nor
+// B; the cyclic Cholesky counts the Schur complement's single pivot.
+TEST(Cyclic, PeriodicTridiagonalByBothSolvers)
+{
+    std::mt19937_64 rng(kt::seed() + 1);
+    SCOPED_TRACE(kt::seed_note());
+    const kt::Dense a = periodic(8), b = kt::random_dense(rng, 8, 2);
+    kt::KelOf Am(a), F(a), B(b), Y(b);
+    const KelMatrix& A = with_unread_nan(Am, 7, 1);
+    const kt::Dense a0 = kt::from_kel(A);
+    KelMatrix X, X2;
+    ASSERT_TRUE(SolveBSP_Cyclic(A, B, 7, 3, X));
+    ASSERT_TRUE(SolveBSP_Cyclic(A, B, 7, 2, X2));
+    EXPECT_LT(kt::residual_ratio(a, kt::from_kel(X), b), 30.0);
+    EXPECT_TRUE(kt::same_bits(kt::from_kel(X2), kt::from_kel(X)));
+    EXPECT_TRUE(kt::same_bits(kt::from_kel(A), a0));
+    EXPECT_EQ(kt::snapshot(B), b.v);
+    EXPECT_EQ(cyclic_Cholesky_factor(F, 1, 1, 1e-12), 1);
+    cyclic_Cholesky_subst(F, 1, 1, Y);
+    EXPECT_LT(kt::residual_ratio(a, kt::from_kel(Y), b), 30.0);
+}
+
+// NaN stays exactly where nothing may be read or written, symmetric storage (which mirrors any
+// read of the lower triangle) gives the same bits, and a dropped band pivot is not counted: its
+// row of W and its unknown are 0, and the rest solves the system without it.
+TEST(CyclicCholesky, ReadsOnlyTheUpperBorderedBandAndDropsPivots)
+{
+    std::mt19937_64 rng(kt::seed() + 2);
+    SCOPED_TRACE(kt::seed_note());
+    const int nb = 12, bw = 3, m = 2, n = nb + m, p = 4;
+    kt::Dense a = bordered_spd(rng, nb, bw, m);
+    a(p, p) = 0.0;
+    const kt::Dense b = kt::random_dense(rng, n, 3);
+    kt::KelOf A(a), B(b), Bs(b);
+    with_unread_nan(A, nb, bw);
+    KelMatrix sym; // the same upper triangle, NaN included
+    sym.SetSymmetric(true);
+    sym.Dimension(n, n, -1, -1);
+    for (int j = 0; j < n; ++j)
+        for (int i = 0; i <= j; ++i)
+            sym(i, j) = A(i, j);
+    EXPECT_EQ(cyclic_Cholesky_factor(A, bw, m, 1e-10), m);
+    EXPECT_EQ(cyclic_Cholesky_factor(sym, bw, m, 1e-10), m);
+    cyclic_Cholesky_subst(A, bw, m, B);
+    cyclic_Cholesky_subst(sym, bw, m, Bs);
+    EXPECT_TRUE(kt::same_bits(kt::from_kel(Bs), kt::from_kel(B)));
+    EXPECT_TRUE(kt::same_bits(kt::upper_of(sym), kt::upper_of(A)));
+    for (int k = 0; k < n * n; ++k)
+        EXPECT_EQ(is_read(k % n, k / n, nb, bw), !std::isnan(A(k % n, k / n))) << k;
+    EXPECT_EQ(A(p, p), -1.0);
+    for (int k = 0; k < m; ++k)
+        EXPECT_EQ(A(p, nb + k), 0.0);
+    const kt::Dense x = kt::from_kel(B);
+    for (int c = 0; c < 3; ++c)
+        EXPECT_EQ(x(p, c), 0.0);
+    EXPECT_LT(kt::residual_ratio(kt::remove_index(a, p, true), kt::remove_index(x, p, false),
+                                 kt::remove_index(b, p, false)),
+              30.0);
+}
+
+// m = 0 is the band Cholesky of the whole matrix and m = n the dense one, bit for bit; only the
+// Schur complement's pivots are counted.
+TEST(CyclicCholesky, EmptyAndFullBorder)
+{
+    std::mt19937_64 rng(kt::seed() + 3);
+    SCOPED_TRACE(kt::seed_note());
+    const int n = 9, bw = 2;
+    kt::Dense a = kt::random_spd(rng, n, bw);
+    a(4, 4) = 0.0; // one dropped pivot
+    const kt::Dense b = kt::random_dense(rng, n, 2);
+    for (int m : {0, n}) {
+        SCOPED_TRACE(m);
+        kt::KelOf A(a), R(a), B(b);
+        EXPECT_EQ(cyclic_Cholesky_factor(A, bw, m, 1e-10), m == 0 ? 0 : n - 1);
+        const kt::Dense x = factor_and_solve(R, m == 0 ? bw : n, 1e-10, n - 1, b);
+        EXPECT_TRUE(kt::same_bits(kt::from_kel(A), kt::from_kel(R)));
+        cyclic_Cholesky_subst(A, bw, m, B);
+        EXPECT_TRUE(kt::same_bits(kt::from_kel(B), x));
+    }
+}
+
+// A11 = I and a border of 2^-27: every sum over the band block is 2^-54 + 2^-54 = 2^-53 exactly,
+// while subtracting the terms one by one would round each half-ulp step back to 1. Both solvers
+// form each sum first and subtract it once, and agree to the last bit.
+TEST(Cyclic, SumsAreFormedFirstAndSubtractedOnce)
+{
+    const double e = std::ldexp(1.0, -27), u = 1.0 - std::ldexp(1.0, -53);
+    const kt::Dense a = matrix(3, 3, {1, 0, e, 0, 1, e, e, e, 1}), b = matrix(3, 1, {e, e, 1});
+    const kt::Dense want =
+        matrix(3, 1, {-std::ldexp(1.0, -79), -std::ldexp(1.0, -79), 1.0 + std::ldexp(1.0, -52)});
+    kt::KelOf A(a), B(b);
+    EXPECT_EQ(cyclic_Cholesky_factor(A, 1, 1, 0.0), 1);
+    EXPECT_EQ(A(2, 2), u); // sqrt(1 - 2^-53), not sqrt(1)
+    cyclic_Cholesky_subst(A, 1, 1, B);
+    EXPECT_TRUE(kt::same_bits(kt::from_kel(B), want));
+    KelMatrix X;
+    ASSERT_TRUE(SolveBSP_Cyclic(kt::KelOf(a), kt::KelOf(b), 2, 1, X));
+    EXPECT_TRUE(kt::same_bits(kt::from_kel(X), want));
+}
+
+// A saddle point (A22 = 0, border of full column rank) has a negative definite Schur complement,
+// which is negated and solved; a zero band pivot, an indefinite Schur complement and m = 0 fail
+// and leave X exactly as it was.
+TEST(SolveBSPCyclic, SaddlePointSolvesAndFailuresLeaveX)
+{
+    std::mt19937_64 rng(kt::seed() + 4);
+    SCOPED_TRACE(kt::seed_note());
+    const int nb = 12, kd = 2, m = 3, n = nb + m;
+    kt::Dense saddle = bordered_spd(rng, nb, kd, m), zero_pivot = saddle, indefinite = saddle;
+    for (int r = nb; r < n; ++r)
+        for (int c = nb; c < n; ++c)
+            saddle(r, c) = 0.0;
+    zero_pivot(0, 0) = 0.0;
+    indefinite(n - 1, n - 1) = -indefinite(n - 1, n - 1); // S(0, 0) > 0, S(2, 2) < 0
+    const kt::Dense b = kt::random_dense(rng, n, 2), x0 = kt::random_dense(rng, 3, 1);
+    kt::KelOf B(b);
+    KelMatrix X;
+    ASSERT_TRUE(SolveBSP_Cyclic(kt::KelOf(saddle), B, nb, 2 * kd + 1, X));
+    EXPECT_LT(kt::residual_ratio(saddle, kt::from_kel(X), b), 30.0);
+    const std::pair<const kt::Dense*, int> failing[] = {{&zero_pivot, nb}, {&indefinite, nb},
+                                                        {&saddle, n}};
+    for (const auto& f : failing) {
+        kt::KelOf Xf(x0);
+        const double* x_elements = Xf.GetElements();
+        EXPECT_FALSE(SolveBSP_Cyclic(kt::KelOf(*f.first), B, f.second, 2 * kd + 1, Xf));
+        EXPECT_EQ(Xf.GetElements(), x_elements);
+        EXPECT_TRUE(kt::same_bits(kt::from_kel(Xf), x0));
+    }
+}
+
+} // namespace
