@@ -33,7 +33,9 @@ bool SolveLS(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
 
     AlignedBuffer a_copy, b_copy;
     double* a = a_copy.copy_of(A, A.GetStorageSize());
-    double* b = b_copy.copy_of(B, B.GetStorageSize());
+    // Room for the ldb x nrhs array dgels works in, which exceeds B when X has more columns
+    // than B: those extra columns are then solved from whatever the buffer holds.
+    double* b = b_copy.copy_of(B, static_cast<long long>(ldb) * nrhs);
     // A fixed workspace, above dgels's minimum, saves the query call; a plain array will do.
     int lwork = 2 * (m + n + nrhs);
     std::vector<double> work(static_cast<std::size_t>(lwork > 0 ? lwork : 0));
