@@ -178,7 +178,8 @@ double max_diagonal(const Dense& a)
 
 bool same_storage(const std::vector<double>& a, const std::vector<double>& b)
 {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), sizeof(double) * a.size()) == 0;
+    return a.size() == b.size() &&
+           (a.empty() || std::memcmp(a.data(), b.data(), sizeof(double) * a.size()) == 0);
 }
 
 /// ||A^T (B - A X)||_1 / (||A||_1 (||A||_1 ||X||_1 + ||B||_1) max(m, n) eps): the least-squares

@@ -239,7 +239,8 @@ const int kFamilyCount = sizeof(kFamilies) / sizeof(kFamilies[0]);
 
 bool same_bits(const Result& a, const Result& b)
 {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), sizeof(double) * a.size()) == 0;
+    return a.size() == b.size() &&
+           (a.empty() || std::memcmp(a.data(), b.data(), sizeof(double) * a.size()) == 0);
 }
 
 /// Runs body(t) on kThreads threads released together.

@@ -33,7 +33,7 @@ public:
             const std::vector<double> now = kt::snapshot(*s.m);
             if (s.m->GetElements() != s.elements || s.m->GetRowDim() != s.rows ||
                 s.m->GetColDim() != s.cols || now.size() != s.bits.size() ||
-                std::memcmp(now.data(), s.bits.data(), sizeof(double) * now.size()) != 0)
+                (!now.empty() && std::memcmp(now.data(), s.bits.data(), sizeof(double) * now.size()) != 0))
                 return false;
         }
         return true;
