@@ -9,7 +9,7 @@
 // matching ratio of a factorisation or an eigen decomposition, and that inputs the copy rule
 // protects are untouched. Slots a routine must not read hold NaN or kt::kGarbage.
 //
-// KELMATRIX_CAMPAIGN: unset or "ci" 6,000 cases, "long" 120,000, or a number of cases.
+// KELMATRIX_CAMPAIGN: unset or "ci" 10,000 cases, "long" 120,000, or a number of cases.
 // KELMATRIX_TEST_SEED: the seed; case k draws from (seed, k) alone, so KELMATRIX_CAMPAIGN_CASE=k
 // replays one case. The closing table gives per routine and check the count and largest ratio.
 #include <gtest/gtest.h>
@@ -45,7 +45,7 @@ long campaign_cases()
 {
     const char* s = std::getenv("KELMATRIX_CAMPAIGN");
     if (!s || !*s || std::strcmp(s, "ci") == 0)
-        return 6000;
+        return 10000;
     if (std::strcmp(s, "long") == 0)
         return 120000;
     return std::max(1L, std::strtol(s, nullptr, 10));

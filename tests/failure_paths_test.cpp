@@ -6,6 +6,7 @@
 // was incorrect" and returns info = -k; the int-returning wrappers pass that k through.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <initializer_list>
 #include <random>
@@ -60,6 +61,8 @@ TEST(FailurePaths, IllegalSizesAreRejectedByLapackAndChangeNothing)
     kt::to_kel(kt::random_dense(rng, 3, 2), X);
     W.Dimension(2, 1, -1, -1);
     Z.Dimension(2, 2, -1, -1);
+    W.SetZero();
+    Z.SetZero();
     KelMatrixBanded Ab, Aempty, Anegative;
     kt::to_band_upper(spd, 2, Ab);
     Aempty.Dimension(0, 0, 1, 1);
@@ -148,6 +151,29 @@ TEST(FailurePaths, BandedDriversRejectEmptyBlocksAndMismatchedRightHandSides)
     EXPECT_FALSE(Solve_Kronecker(Ak, Bk, Xk, true));
     EXPECT_FALSE(Solve_Kronecker(Ak, Bk, Xk, false)); // nothing reaches the arrays either
     EXPECT_TRUE(kron());
+}
+
+// Deliberate: a band-to-dense or packed-to-dense assignment does not release the target's
+// earlier block. Each earlier block stays readable (a release would be a use after free under
+// the sanitizer and valgrind passes) and is leaked: lsan.supp and valgrind.supp name this test.
+TEST(Conversions, ConversionsKeepTheTargetsEarlierBlock)
+{
+    KelMatrixBanded band;
+    band.Dimension(3, 3, 1, 1);
+    band.SetIdentity();
+    KelMatrixPacked packed;
+    packed.Dimension(3, 3, -1, -1);
+    std::fill(packed.GetElements(), packed.GetElements() + packed.GetStorageSize(), 2.0);
+    KelMatrix target;
+    kt::to_kel(Dense(2, 2, 5.0), target);
+    const double* earlier = target.GetElements();
+    target = band;
+    EXPECT_EQ(target(1, 1), 1.0);
+    EXPECT_EQ(earlier[3], 5.0);
+    const double* converted = target.GetElements();
+    target = packed;
+    EXPECT_EQ(target(0, 2), 2.0);
+    EXPECT_EQ(converted[4], 1.0); // element (1, 1) of the band conversion
 }
 
 } // namespace
