@@ -607,7 +607,7 @@ void least_squares(Case& c)
 
 void eigenproblems(Case& c)
 {
-    const int n = c.size();
+    const int n = c.size(65); // the reduction's block crossovers lie at 32 and 64
     const Cond cond = c.cond(true);
     c.note("n", n);
     Dense a(n, n);
