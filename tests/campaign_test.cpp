@@ -902,8 +902,10 @@ void sparse_solver(Case& c)
                     a(i, j) = a(j, i) = 0.0;
         for (int j = 0; j < n; ++j)
             for (int i = 0; i < n; ++i)
-                if (i != j && a(i, j) != 0.0 && !symmetric)
-                    a(i, j) = c.uniform(-1.0, 1.0) * (type == LSM_REAL_UNSYMMETRIC && c.draw(0, 3) == 0 ? 0.0 : 1.0);
+                if (i != j && a(i, j) != 0.0 && !symmetric) {
+                    const bool drop = type == LSM_REAL_UNSYMMETRIC && c.draw(0, 3) == 0; // unsymmetric pattern
+                    a(i, j) = drop ? 0.0 : c.uniform(-1.0, 1.0);
+                }
         for (int i = 0; i < n; ++i) {
             double s = 1.0;
             for (int j = 0; j < n; ++j)
