@@ -30,6 +30,7 @@
 
 // LAPACK's argument check reports through xerbla; the harnesses reach it on purpose (negative
 // band widths, empty blocks), so its message is silenced here rather than printed per input.
+// Each harness is one source file, so this definition appears once per executable.
 extern "C" __attribute__((visibility("default"))) void xerbla(const char*, const int*, int) {}
 
 namespace fz {
