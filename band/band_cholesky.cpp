@@ -25,6 +25,7 @@
 #include "band/direct_access.h"
 #include "band/ordered_ops.h"
 #include "kelmatrix/band.h"
+#include "matrix/aligned_buffer.h"
 
 namespace kelmatrix {
 namespace internal {
@@ -50,71 +51,124 @@ namespace {
 constexpr int kRingWidth = 96;
 // Right-hand sides walked together by the substitution kernels, at most.
 constexpr int kColumnBlock = 16;
+// Distance in doubles between diagonal elements beyond which the substitutions copy the
+// diagonal first.
+constexpr long long kFarDiagonal = 64;
 
-// s[t] -= x[t] * f for t < count; every t is its own quantity.
-inline void subtract_scaled(double* s, const double* x, double f, int count)
+// Row i of the narrow kernel: U(i, i+t) for t = 1 .. jl, jl = min(w, n - 1 - i); the rows
+// k = i - e of the window start at window - e R. Eight columns j at a time keep their running
+// sums in registers while the rows k pass in ascending order (e descending); row k reaches
+// t <= min(w - e, jl), so the first rows of a block may cover only part of it.
+template <int W, bool Full>
+void factor_row(const StridedView& a, int i, int w_runtime, int jl_runtime, double pivot,
+                const double* window, double* ri, double* ri2)
 {
-    const Pair fv = splat(f);
-    int t = 0;
-    for (; t + 4 <= count; t += 4) {
-        const Pair a = load_pair(s + t) - mul(load_pair(x + t), fv);
-        const Pair b = load_pair(s + t + 2) - mul(load_pair(x + t + 2), fv);
-        store_pair(s + t, a);
-        store_pair(s + t + 2, b);
+    constexpr int kBlock = 8;
+    const int w = W > 0 ? W : w_runtime, R = w + 1, jl = Full ? w : jl_runtime;
+    const Pair p = splat(pivot);
+    for (int t0 = 1; t0 <= jl; t0 += kBlock) {
+        const int tb = std::min(kBlock, jl - t0 + 1);
+        double acc[kBlock];
+        for (int q = 0; q < tb; ++q)
+            acc[q] = a(i, i + t0 + q);
+        int e = w - t0; // rows with e > w - t0 do not reach t0
+        for (; e >= 1 && std::min(w - e, jl) - t0 + 1 < tb; --e) {
+            const double* rk = window - e * R;
+            if (rk[0] > 0.0) { // strict: dropped (-1) and zero pivots do not contribute
+                const double f = rk[e];
+                const int cnt = std::min(w - e, jl) - t0 + 1;
+                const double* x = rk + e + t0;
+                int q = 0;
+                for (; q + 1 < cnt; q += 2)
+                    store_pair(acc + q, load_pair(acc + q) - mul(load_pair(x + q), splat(f)));
+                if (q < cnt)
+                    acc[q] -= mul(x[q], f);
+            }
+        }
+        if (tb == kBlock) {
+            Pair s0 = load_pair(acc), s1 = load_pair(acc + 2), s2 = load_pair(acc + 4),
+                 s3 = load_pair(acc + 6);
+            for (; e >= 1; --e) {
+                const double* rk = window - e * R;
+                if (rk[0] > 0.0) {
+                    const Pair f = splat(rk[e]);
+                    const double* x = rk + e + t0;
+                    s0 -= mul(load_pair(x), f);
+                    s1 -= mul(load_pair(x + 2), f);
+                    s2 -= mul(load_pair(x + 4), f);
+                    s3 -= mul(load_pair(x + 6), f);
+                }
+            }
+            const Pair u[4] = {s0 / p, s1 / p, s2 / p, s3 / p};
+            for (int v = 0; v < 4; ++v) {
+                store_pair(ri + t0 + 2 * v, u[v]);
+                store_pair(ri2 + t0 + 2 * v, u[v]);
+                a(i, i + t0 + 2 * v) = u[v][0];
+                a(i, i + t0 + 2 * v + 1) = u[v][1];
+            }
+            continue;
+        }
+        for (; e >= 1; --e) {
+            const double* rk = window - e * R;
+            if (rk[0] > 0.0) {
+                const double f = rk[e];
+                for (int q = 0; q < tb; ++q)
+                    acc[q] -= mul(rk[e + t0 + q], f);
+            }
+        }
+        int q = 0;
+        for (; q + 1 < tb; q += 2) {
+            const Pair u = load_pair(acc + q) / p;
+            store_pair(ri + t0 + q, u);
+            store_pair(ri2 + t0 + q, u);
+            a(i, i + t0 + q) = u[0];
+            a(i, i + t0 + q + 1) = u[1];
+        }
+        if (q < tb) {
+            const double u = acc[q] / pivot;
+            ri[t0 + q] = ri2[t0 + q] = u;
+            a(i, i + t0 + q) = u;
+        }
     }
-    for (; t + 2 <= count; t += 2)
-        store_pair(s + t, load_pair(s + t) - mul(load_pair(x + t), fv));
-    for (; t < count; ++t)
-        s[t] -= mul(x[t], f);
 }
 
-// Factorization, narrow band: U(i, j) for i <= j <= i + bw in a distinct-address view.
+// Factorization, narrow band: U(i, j) for i <= j <= i + bw in a distinct-address view. Row k of
+// U, U(k, k .. k + w), is kept in a ring of w + 1 slots, each slot stored twice so that the rows
+// i - w .. i - 1 are always contiguous; slots not yet written stand for rows before row 0 and
+// hold a dropped pivot, so every row away from the end runs loops of the same length (fixed at
+// compile time for the widths instantiated). W > 0: the width w, else w = min(bw, n - 1).
+template <int W>
 int factor_ring(const StridedView& a, int n, int bw, double tol)
 {
-    const int w = std::min(bw, n - 1), rows = w + 1, len = w + 1;
-    std::vector<double> ring(static_cast<std::size_t>(rows) * len), s(static_cast<std::size_t>(len));
-    double* const r0 = ring.data();
+    const int w = W > 0 ? W : std::min(bw, n - 1), R = w + 1;
+    AlignedBuffer ring_buf(2LL * R * R);
+    double* const ring = ring_buf.data();
+    std::fill(ring, ring + 2LL * R * R, -1.0);
     int count = 0;
-    for (int i = 0, si = 0; i < n; ++i, si = si + 1 == rows ? 0 : si + 1) {
-        double* const ri = r0 + static_cast<std::size_t>(si) * len; // row i of U: ri[t] = U(i, i+t)
-        const int k0 = std::max(0, i - bw);
-        const int sk0 = (si - (i - k0) + rows) % rows;
+    for (int i = 0, si = 0; i < n; ++i, si = si + 1 == R ? 0 : si + 1) {
+        double* const ri = ring + static_cast<std::size_t>(si) * R;
+        double* const ri2 = ri + static_cast<std::size_t>(R) * R;
+        const double* const window = ri2; // row i - e starts at window - e R
 
         double d = a(i, i);
-        for (int k = k0, sk = sk0; k < i; ++k, sk = sk + 1 == rows ? 0 : sk + 1) {
-            const double* rk = r0 + static_cast<std::size_t>(sk) * len;
+        for (int e = w; e >= 1; --e) { // k = i - e ascending
+            const double* rk = window - e * R;
             if (rk[0] > 0.0) // strict: dropped (-1) and zero pivots do not contribute
-                d -= rk[i - k] * rk[i - k];
+                d -= rk[e] * rk[e];
         }
         if (d < tol) { // dropped pivot; d == tol and NaN are accepted
             a(i, i) = -1.0;
-            ri[0] = -1.0;
+            ri[0] = ri2[0] = -1.0;
             continue;
         }
         ++count;
         const double pivot = std::sqrt(d);
         a(i, i) = pivot;
-        ri[0] = pivot;
-
-        // s[t] = A(i, i+t) - sum over ascending k of U(k, i+t) U(k, i): row k reaches j = k + bw.
-        const int jl = std::min(n - 1, i + bw) - i;
-        double* const st = s.data();
-        for (int t = 1; t <= jl; ++t)
-            st[t] = a(i, i + t);
-        const int k1 = std::max(0, i + 1 - bw);
-        for (int k = k1, sk = (si - (i - k1) + rows) % rows; k < i;
-             ++k, sk = sk + 1 == rows ? 0 : sk + 1) {
-            const double* rk = r0 + static_cast<std::size_t>(sk) * len + (i - k);
-            if (rk[k - i] > 0.0) { // strict, as above
-                const int tl = std::min(k + bw - i, jl);
-                subtract_scaled(st + 1, rk + 1, rk[0], tl); // U(k, j) U(k, i), j = i+1 .. k+bw
-            }
-        }
-        for (int t = 1; t <= jl; ++t) {
-            const double u = st[t] / pivot;
-            a(i, i + t) = u;
-            ri[t] = u;
-        }
+        ri[0] = ri2[0] = pivot;
+        if (i + w <= n - 1)
+            factor_row<W, true>(a, i, w, w, pivot, window, ri, ri2);
+        else // the last rows: j stops at n - 1
+            factor_row<W, false>(a, i, w, n - 1 - i, pivot, window, ri, ri2);
     }
     return count;
 }
@@ -180,22 +234,24 @@ int factor_columns(const StridedView& a, int n, int bw, double tol)
     return count;
 }
 
-// One right-hand side, direct addressing, generic order of reads and writes. The first term
-// of each unknown is the unknown just stored, taken from a register instead of memory: no
-// store lies between, so it is the value a load would return.
-void forward_column(const StridedView& u, int n, int bw, const StridedView& b, int off, int c)
+// One right-hand side, direct addressing, U's diagonal read once (U shares no storage with B,
+// so nothing changes it). The first term of each unknown is the unknown just stored, taken
+// from a register instead of memory: no store lies between, so it is the value a load would
+// return.
+void forward_column(const StridedView& u, const StridedView& diag, int n, int bw,
+                    const StridedView& b, int off, int c)
 {
     double last = 0.0;
     for (int i = 0; i < n; ++i) {
-        const double d = u(i, i);
+        const double d = diag(i, i);
         double y = 0.0;
         if (!(d < 0.0)) { // zero included (divides by it), and NaN too; only dropped give 0
             double s = b(i + off, c);
             const int k_end = std::max(0, i - bw);
-            if (i - 1 >= k_end && u(i - 1, i - 1) >= 0.0) // zero included, NaN excluded
+            if (i - 1 >= k_end && diag(i - 1, i - 1) >= 0.0) // zero included, NaN excluded
                 s -= mul(u(i - 1, i), last);
             for (int k = i - 2; k >= k_end; --k)
-                if (u(k, k) >= 0.0)
+                if (diag(k, k) >= 0.0)
                     s -= mul(u(k, i), b(k + off, c));
             y = s / d;
         }
@@ -204,19 +260,20 @@ void forward_column(const StridedView& u, int n, int bw, const StridedView& b, i
     }
 }
 
-void backward_column(const StridedView& u, int n, int bw, const StridedView& b, int off, int c)
+void backward_column(const StridedView& u, const StridedView& diag, int n, int bw,
+                     const StridedView& b, int off, int c)
 {
     double last = 0.0;
     for (int i = n - 1; i >= 0; --i) {
-        const double d = u(i, i);
+        const double d = diag(i, i);
         double x = 0.0;
         if (!(d <= 0.0)) { // strictly positive, and NaN too; zero and dropped give 0
             double s = b(i + off, c);
             const int k_end = std::min(n - 1, i + bw);
-            if (i + 1 <= k_end && u(i + 1, i + 1) >= 0.0) // zero included, NaN excluded
+            if (i + 1 <= k_end && diag(i + 1, i + 1) >= 0.0) // zero included, NaN excluded
                 s -= mul(u(i, i + 1), last);
             for (int k = i + 2; k <= k_end; ++k)
-                if (u(k, k) >= 0.0)
+                if (diag(k, k) >= 0.0)
                     s -= mul(u(i, k), b(k + off, c));
             x = s / d;
         }
@@ -228,14 +285,14 @@ void backward_column(const StridedView& u, int n, int bw, const StridedView& b, 
 // W right-hand sides together: the solved rows of the last bw + 1 unknowns are kept row-major
 // in a ring, so every term is one vector operation across the columns.
 template <int W>
-void forward_block(const StridedView& u, int n, int bw, const StridedView& b, int off, int c0,
-                   double* ring)
+void forward_block(const StridedView& u, const StridedView& diag, int n, int bw,
+                   const StridedView& b, int off, int c0, double* ring)
 {
     constexpr int V = W / 2;
     const int rows = std::min(bw, n - 1) + 1;
     for (int i = 0, si = 0; i < n; ++i, si = si + 1 == rows ? 0 : si + 1) {
         double* const yi = ring + static_cast<std::size_t>(si) * W;
-        const double d = u(i, i);
+        const double d = diag(i, i);
         if (d < 0.0) { // dropped
             for (int c = 0; c < W; ++c) {
                 yi[c] = 0.0;
@@ -249,7 +306,7 @@ void forward_block(const StridedView& u, int n, int bw, const StridedView& b, in
         const int k_end = std::max(0, i - bw);
         for (int k = i - 1, sk = si; k >= k_end; --k) {
             sk = sk == 0 ? rows - 1 : sk - 1;
-            if (u(k, k) >= 0.0) { // zero included, NaN excluded
+            if (diag(k, k) >= 0.0) { // zero included, NaN excluded
                 const double f = u(k, i);
                 const Pair fv = splat(f);
                 const double* yk = ring + static_cast<std::size_t>(sk) * W;
@@ -268,14 +325,14 @@ void forward_block(const StridedView& u, int n, int bw, const StridedView& b, in
 }
 
 template <int W>
-void backward_block(const StridedView& u, int n, int bw, const StridedView& b, int off, int c0,
-                    double* ring)
+void backward_block(const StridedView& u, const StridedView& diag, int n, int bw,
+                    const StridedView& b, int off, int c0, double* ring)
 {
     constexpr int V = W / 2;
     const int rows = std::min(bw, n - 1) + 1;
     for (int i = n - 1, si = (n - 1) % rows; i >= 0; --i, si = si == 0 ? rows - 1 : si - 1) {
         double* const xi = ring + static_cast<std::size_t>(si) * W;
-        const double d = u(i, i);
+        const double d = diag(i, i);
         if (d <= 0.0) { // zero and dropped
             for (int c = 0; c < W; ++c) {
                 xi[c] = 0.0;
@@ -289,7 +346,7 @@ void backward_block(const StridedView& u, int n, int bw, const StridedView& b, i
         const int k_end = std::min(n - 1, i + bw);
         for (int k = i + 1, sk = si; k <= k_end; ++k) {
             sk = sk + 1 == rows ? 0 : sk + 1;
-            if (u(k, k) >= 0.0) { // zero included, NaN excluded
+            if (diag(k, k) >= 0.0) { // zero included, NaN excluded
                 const double f = u(i, k);
                 const Pair fv = splat(f);
                 const double* xk = ring + static_cast<std::size_t>(sk) * W;
@@ -309,18 +366,18 @@ void backward_block(const StridedView& u, int n, int bw, const StridedView& b, i
 
 // Columns [c, c_end) in blocks of 16, 8, 4, 2 and a last single column.
 template <bool Forward>
-void walk_columns(const StridedView& u, int n, int bw, const StridedView& b, int off, int c,
-                  int c_end)
+void walk_columns(const StridedView& u, const StridedView& diag, int n, int bw,
+                  const StridedView& b, int off, int c, int c_end)
 {
     const int rows = std::min(bw, n - 1) + 1;
-    std::vector<double> ring(static_cast<std::size_t>(rows) * kColumnBlock);
+    AlignedBuffer ring(static_cast<long long>(rows) * kColumnBlock);
     auto run = [&](auto width) {
         constexpr int w = decltype(width)::value;
         while (c_end - c >= w) {
             if (Forward)
-                forward_block<w>(u, n, bw, b, off, c, ring.data());
+                forward_block<w>(u, diag, n, bw, b, off, c, ring.data());
             else
-                backward_block<w>(u, n, bw, b, off, c, ring.data());
+                backward_block<w>(u, diag, n, bw, b, off, c, ring.data());
             c += w;
         }
     };
@@ -330,9 +387,9 @@ void walk_columns(const StridedView& u, int n, int bw, const StridedView& b, int
     run(std::integral_constant<int, 2>{});
     if (c < c_end) {
         if (Forward)
-            forward_column(u, n, bw, b, off, c);
+            forward_column(u, diag, n, bw, b, off, c);
         else
-            backward_column(u, n, bw, b, off, c);
+            backward_column(u, diag, n, bw, b, off, c);
     }
 }
 
@@ -377,19 +434,36 @@ void pass_columns(KelGenericMatrix& U, int n, int bw, int off, int c_begin, int 
     StridedView b;
     if (!has_direct_access(B)) {
         in_order(u, B);
-    } else if (!block_view(B, off, n, c_begin, c_end, b)) {
+        return;
+    }
+    if (!block_view(B, off, n, c_begin, c_end, b)) {
         DirectAccess bd = direct_access(B); // mirrored on both sides: exact, in order
         in_order(u, bd);
-    } else if (c_end - c_begin >= 2 && block_is_distinct(b, n, c_end - c_begin) &&
-               !band_span(u, n, bw).meets(block_span(b, off, n, c_begin, c_end - c_begin))) {
-        walk_columns<Forward>(u, n, bw, b, off, c_begin, c_end);
-    } else {
-        for (int c = c_begin; c < c_end; ++c) {
-            if (Forward)
-                forward_column(u, n, bw, b, off, c);
-            else
-                backward_column(u, n, bw, b, off, c);
-        }
+        return;
+    }
+    if (band_span(u, n, bw).meets(block_span(b, off, n, c_begin, c_end - c_begin))) {
+        in_order(u, b); // B may write into U's band: keep every read where it was
+        return;
+    }
+    // U is only read from here on. A far-strided diagonal (dense storage: one page per
+    // element) is read once into a row of its own; a band's lies beside its columns.
+    AlignedBuffer diag_copy;
+    StridedView diag = u;
+    if (u.rs + u.cs > kFarDiagonal) {
+        double* d = diag_copy.allocate(n);
+        for (int k = 0; k < n; ++k)
+            d[k] = u(k, k);
+        diag = StridedView{d, 0, 1, 0};
+    }
+    if (c_end - c_begin >= 2 && block_is_distinct(b, n, c_end - c_begin)) {
+        walk_columns<Forward>(u, diag, n, bw, b, off, c_begin, c_end);
+        return;
+    }
+    for (int c = c_begin; c < c_end; ++c) {
+        if (Forward)
+            forward_column(u, diag, n, bw, b, off, c);
+        else
+            backward_column(u, diag, n, bw, b, off, c);
     }
 }
 
@@ -408,8 +482,21 @@ int factor_band(KelGenericMatrix& A, int n, int bw, double tol)
     StridedView a = direct_access(A).side(true); // A is touched at i <= j only
     if (!band_is_distinct(a, n, bw))
         return factor_in_order(a, n, bw, tol);
+    switch (std::min(bw, n - 1)) {
+    case 1: return factor_ring<1>(a, n, bw, tol);
+    case 2: return factor_ring<2>(a, n, bw, tol);
+    case 3: return factor_ring<3>(a, n, bw, tol);
+    case 4: return factor_ring<4>(a, n, bw, tol);
+    case 5: return factor_ring<5>(a, n, bw, tol);
+    case 6: return factor_ring<6>(a, n, bw, tol);
+    case 7: return factor_ring<7>(a, n, bw, tol);
+    case 8: return factor_ring<8>(a, n, bw, tol);
+    case 16: return factor_ring<16>(a, n, bw, tol);
+    case 32: return factor_ring<32>(a, n, bw, tol);
+    default: break;
+    }
     if (std::min(bw, n - 1) <= kRingWidth)
-        return factor_ring(a, n, bw, tol);
+        return factor_ring<0>(a, n, bw, tol);
     return factor_columns(a, n, bw, tol);
 }
 

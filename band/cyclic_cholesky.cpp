@@ -30,15 +30,17 @@ int block_width(int bw, int nb)
     return bw >= 1 ? bw : nb;
 }
 
-// The band block's temporary: symmetric with the upper triangle stored, zeroed, holding only
-// the band the routines touch. Deliberate: with bw < 1 that band is the whole block.
-void make_band_block(KelMatrixBanded& T, int nb, int width)
+// The band block's temporary: symmetric with the upper triangle stored, holding only the band
+// the routines touch. With bw >= 1 every element they read is copied in first; with bw < 1 the
+// band is the whole block (Deliberate) and all but the copied diagonal must read as zero.
+void make_band_block(KelMatrixBanded& T, int nb, int bw, int width)
 {
     const int order = std::max(nb, 0);
     T.SetSymmetric(true);
     T.SetUsesUpper();
     T.Dimension(order, order, 0, std::max(0, std::min(width, order - 1)));
-    T.SetZero();
+    if (bw < 1)
+        T.SetZero();
 }
 
 // The border block's temporary: dense, symmetric, upper, order m, no band recorded, zeroed.
@@ -203,7 +205,7 @@ int cyclic_Cholesky_factor(KelGenericMatrix& A, int bandWidth, int m, double tol
     const int width = block_width(bw, nb);
 
     KelMatrixBanded T;
-    make_band_block(T, nb, width);
+    make_band_block(T, nb, bw, width);
     const StridedView t = direct_access(T).side(true);
     KelMatrix S;
     make_border_block(S, m);
@@ -242,7 +244,7 @@ void cyclic_Cholesky_subst(KelGenericMatrix& A, int bandWidth, int m, KelMatrix&
     const int nrhs = B.GetColDim();
 
     KelMatrixBanded T;
-    make_band_block(T, nb, width);
+    make_band_block(T, nb, bw, width);
     const StridedView t = direct_access(T).side(true);
     KelMatrix S;
     make_border_block(S, m);

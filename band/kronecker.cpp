@@ -30,16 +30,31 @@ using namespace kelmatrix::internal;
 namespace {
 
 // dst(j, i) = src(i, j) for i < rows, j < cols (column-major, leading dimensions lds and ldd),
-// in square tiles so that both sides stay in cache.
+// in square tiles so that both sides stay in cache; inside a tile two rows of src at a time
+// become pairs of adjacent elements of dst (a pure copy: every bit, NaN payloads included).
 void transpose(const double* src, long long lds, double* dst, long long ldd, int rows, int cols)
 {
-    constexpr int kTile = 32;
-    for (int j0 = 0; j0 < cols; j0 += kTile) {
-        const int j1 = std::min(cols, j0 + kTile);
-        for (int i0 = 0; i0 < rows; i0 += kTile) {
-            const int i1 = std::min(rows, i0 + kTile);
-            for (int j = j0; j < j1; ++j)
-                for (int i = i0; i < i1; ++i)
+    constexpr int kTile = 128;
+    for (int i0 = 0; i0 < rows; i0 += kTile) {
+        const int i1 = std::min(rows, i0 + kTile);
+        for (int j0 = 0; j0 < cols; j0 += kTile) {
+            const int j1 = std::min(cols, j0 + kTile);
+            int i = i0;
+            for (; i + 1 < i1; i += 2) {
+                int j = j0;
+                for (; j + 1 < j1; j += 2) {
+                    const Pair a = load_pair(src + i + j * lds);       // src(i, j), src(i+1, j)
+                    const Pair b = load_pair(src + i + (j + 1) * lds); // src(i, j+1), src(i+1, j+1)
+                    store_pair(dst + j + i * ldd, Pair{a[0], b[0]});
+                    store_pair(dst + j + (i + 1) * ldd, Pair{a[1], b[1]});
+                }
+                if (j < j1) {
+                    dst[j + i * ldd] = src[i + j * lds];
+                    dst[j + (i + 1) * ldd] = src[i + 1 + j * lds];
+                }
+            }
+            if (i < i1)
+                for (int j = j0; j < j1; ++j)
                     dst[j + i * ldd] = src[i + j * lds];
         }
     }

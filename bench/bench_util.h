@@ -94,15 +94,25 @@ inline double timed_once(Timed& t)
     return seconds(t.run);
 }
 
-/// The paired loop: each iteration times lib and ref once, alternating the order.
+/// A further measurement reported beside the pair as <name>_ms (median), for context.
+struct Extra {
+    std::string name;
+    Timed timed;
+};
+
+/// The paired loop: each iteration times lib and ref once, alternating the order, then each
+/// extra once.
 inline void compare(benchmark::State& state, Timed lib, Timed ref, double flops = 0.0,
-                    bool warm_up = true)
+                    bool warm_up = true, std::vector<Extra> extras = {})
 {
     if (warm_up && !options().smoke) {
         timed_once(lib);
         timed_once(ref);
+        for (Extra& e : extras)
+            timed_once(e.timed);
     }
     Pairs p;
+    std::vector<std::vector<double>> more(extras.size());
     bool lib_first = true;
     for (auto _ : state) {
         double l, r;
@@ -114,11 +124,15 @@ inline void compare(benchmark::State& state, Timed lib, Timed ref, double flops 
             l = timed_once(lib);
         }
         lib_first = !lib_first;
+        for (std::size_t k = 0; k < extras.size(); ++k)
+            more[k].push_back(timed_once(extras[k].timed));
         p.lib.push_back(l);
         p.ref.push_back(r);
         state.SetIterationTime(l);
     }
     p.report(state, "", flops);
+    for (std::size_t k = 0; k < extras.size(); ++k)
+        state.counters[extras[k].name + "_ms"] = median(more[k]) * 1e3;
 }
 
 /// Registers a case with a fixed number of paired iterations and manual (library) timing.
