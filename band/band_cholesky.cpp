@@ -77,17 +77,15 @@ void factor_row(const StridedView& a, int i, int w_runtime, int jl_runtime, doub
             if (rk[0] > 0.0) { // strict: dropped (-1) and zero pivots do not contribute
                 const double f = rk[e];
                 const int cnt = std::min(w - e, jl) - t0 + 1;
-                const double* x = rk + e + t0;
-                int q = 0;
-                for (; q + 1 < cnt; q += 2)
-                    store_pair(acc + q, load_pair(acc + q) - mul(load_pair(x + q), splat(f)));
-                if (q < cnt)
-                    acc[q] -= mul(x[q], f);
+                for (int q = 0; q < cnt; ++q)
+                    acc[q] -= mul(rk[e + t0 + q], f);
             }
         }
         if (tb == kBlock) {
-            Pair s0 = load_pair(acc), s1 = load_pair(acc + 2), s2 = load_pair(acc + 4),
-                 s3 = load_pair(acc + 6);
+            // Built from the scalars (not reloaded as pairs: a wide load of narrow stores
+            // would stall on the row-to-row critical path).
+            Pair s0 = {acc[0], acc[1]}, s1 = {acc[2], acc[3]}, s2 = {acc[4], acc[5]},
+                 s3 = {acc[6], acc[7]};
             for (; e >= 1; --e) {
                 const double* rk = window - e * R;
                 if (rk[0] > 0.0) {
@@ -116,15 +114,7 @@ void factor_row(const StridedView& a, int i, int w_runtime, int jl_runtime, doub
                     acc[q] -= mul(rk[e + t0 + q], f);
             }
         }
-        int q = 0;
-        for (; q + 1 < tb; q += 2) {
-            const Pair u = load_pair(acc + q) / p;
-            store_pair(ri + t0 + q, u);
-            store_pair(ri2 + t0 + q, u);
-            a(i, i + t0 + q) = u[0];
-            a(i, i + t0 + q + 1) = u[1];
-        }
-        if (q < tb) {
+        for (int q = 0; q < tb; ++q) { // one at a time: acc holds scalars (no wide reload)
             const double u = acc[q] / pivot;
             ri[t0 + q] = ri2[t0 + q] = u;
             a(i, i + t0 + q) = u;
