@@ -202,7 +202,40 @@ int factor_columns(const StridedView& a, int n, int bw, double tol)
                         if (k >= j0 + jj - bw)
                             s[jj] -= mul(a(k, j0 + jj), f);
                 }
-            if (nj == kBlock) {
+            if (nj == kBlock && a.rs == 1) {
+                // Columns contiguous in k: rows k and k+1 of two columns make a 2 x 2 block,
+                // turned into pairs across j; each sum still takes k before k + 1.
+                const double* col[kBlock];
+                for (int jj = 0; jj < kBlock; ++jj)
+                    col[jj] = &a(0, j0 + jj);
+                const double* ci = &a(0, i);
+                Pair acc[kBlock / 2];
+                for (int v = 0; v < kBlock / 2; ++v)
+                    acc[v] = Pair{s[2 * v], s[2 * v + 1]};
+                for (int k = k_all; k < i;) {
+                    if (k + 1 < i && positive[k] && positive[k + 1]) {
+                        const Pair f0 = splat(ci[k]), f1 = splat(ci[k + 1]);
+                        for (int v = 0; v < kBlock / 2; ++v) {
+                            const Pair x = load_pair(col[2 * v] + k);     // (k, j), (k+1, j)
+                            const Pair y = load_pair(col[2 * v + 1] + k); // (k, j+1), (k+1, j+1)
+                            acc[v] -= mul(Pair{x[0], y[0]}, f0);
+                            acc[v] -= mul(Pair{x[1], y[1]}, f1);
+                        }
+                        k += 2;
+                        continue;
+                    }
+                    if (positive[k]) {
+                        const Pair f = splat(ci[k]);
+                        for (int v = 0; v < kBlock / 2; ++v)
+                            acc[v] -= mul(Pair{col[2 * v][k], col[2 * v + 1][k]}, f);
+                    }
+                    ++k;
+                }
+                for (int v = 0; v < kBlock / 2; ++v) {
+                    s[2 * v] = acc[v][0];
+                    s[2 * v + 1] = acc[v][1];
+                }
+            } else if (nj == kBlock) {
                 for (int k = k_all; k < i; ++k)
                     if (positive[k]) {
                         const double f = a(k, i);
