@@ -127,8 +127,7 @@ void factor_row(const StridedView& a, int i, int w_runtime, int jl_runtime, doub
 // i - w .. i - 1 are always contiguous; slots not yet written stand for rows before row 0 and
 // hold a dropped pivot, so every row away from the end runs loops of the same length (fixed at
 // compile time for the widths instantiated). W > 0: the width w, else w = min(bw, n - 1).
-template <int W>
-int factor_ring(const StridedView& a, int n, int bw, double tol)
+template <int W> int factor_ring(const StridedView& a, int n, int bw, double tol)
 {
     const int w = W > 0 ? W : std::min(bw, n - 1), R = w + 1;
     AlignedBuffer ring_buf(2LL * R * R);
@@ -506,17 +505,28 @@ int factor_band(KelGenericMatrix& A, int n, int bw, double tol)
     if (!band_is_distinct(a, n, bw))
         return factor_in_order(a, n, bw, tol);
     switch (std::min(bw, n - 1)) {
-    case 1: return factor_ring<1>(a, n, bw, tol);
-    case 2: return factor_ring<2>(a, n, bw, tol);
-    case 3: return factor_ring<3>(a, n, bw, tol);
-    case 4: return factor_ring<4>(a, n, bw, tol);
-    case 5: return factor_ring<5>(a, n, bw, tol);
-    case 6: return factor_ring<6>(a, n, bw, tol);
-    case 7: return factor_ring<7>(a, n, bw, tol);
-    case 8: return factor_ring<8>(a, n, bw, tol);
-    case 16: return factor_ring<16>(a, n, bw, tol);
-    case 32: return factor_ring<32>(a, n, bw, tol);
-    default: break;
+    case 1:
+        return factor_ring<1>(a, n, bw, tol);
+    case 2:
+        return factor_ring<2>(a, n, bw, tol);
+    case 3:
+        return factor_ring<3>(a, n, bw, tol);
+    case 4:
+        return factor_ring<4>(a, n, bw, tol);
+    case 5:
+        return factor_ring<5>(a, n, bw, tol);
+    case 6:
+        return factor_ring<6>(a, n, bw, tol);
+    case 7:
+        return factor_ring<7>(a, n, bw, tol);
+    case 8:
+        return factor_ring<8>(a, n, bw, tol);
+    case 16:
+        return factor_ring<16>(a, n, bw, tol);
+    case 32:
+        return factor_ring<32>(a, n, bw, tol);
+    default:
+        break;
     }
     if (std::min(bw, n - 1) <= kRingWidth)
         return factor_ring<0>(a, n, bw, tol);

@@ -27,8 +27,7 @@ namespace internal {
 int resolve_band_width(const KelGenericMatrix& A, int bandWidth);
 
 /// Cholesky_factor's loops on the first n rows of A, bw resolved.
-template <class M>
-int factor_in_order(M& A, int n, int bw, double tol)
+template <class M> int factor_in_order(M& A, int n, int bw, double tol)
 {
     int count = 0;
     for (int i = 0; i < n; ++i) {
@@ -55,8 +54,7 @@ int factor_in_order(M& A, int n, int bw, double tol)
 }
 
 /// U^T y = b in column c of B, rows off .. off + n - 1, bw resolved.
-template <class U, class B>
-void forward_in_order(U& u, int n, int bw, B& b, int off, int c)
+template <class U, class B> void forward_in_order(U& u, int n, int bw, B& b, int off, int c)
 {
     for (int i = 0; i < n; ++i) {
         const double d = u(i, i);
@@ -73,8 +71,7 @@ void forward_in_order(U& u, int n, int bw, B& b, int off, int c)
 }
 
 /// U x = y in column c of B, rows off .. off + n - 1, bw resolved.
-template <class U, class B>
-void backward_in_order(U& u, int n, int bw, B& b, int off, int c)
+template <class U, class B> void backward_in_order(U& u, int n, int bw, B& b, int off, int c)
 {
     for (int i = n - 1; i >= 0; --i) {
         const double d = u(i, i);

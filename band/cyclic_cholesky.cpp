@@ -54,8 +54,7 @@ void make_border_block(KelMatrix& S, int m)
 
 // Deliberate: bw is used as given here, so bw = 0 copies only the diagonal of A11 and bw < 0
 // nothing; the band routines then treat the block as full (block_width).
-template <class M>
-void band_into(const StridedView& T, M& A, int nb, int bw)
+template <class M> void band_into(const StridedView& T, M& A, int nb, int bw)
 {
     for (int i = 0; i < nb; ++i) {
         const int j_end = std::min(nb - 1, i + bw);
@@ -64,8 +63,7 @@ void band_into(const StridedView& T, M& A, int nb, int bw)
     }
 }
 
-template <class M>
-void band_back(M& A, const StridedView& T, int nb, int bw)
+template <class M> void band_back(M& A, const StridedView& T, int nb, int bw)
 {
     for (int i = 0; i < nb; ++i) {
         const int j_end = std::min(nb - 1, i + bw);
@@ -75,8 +73,7 @@ void band_back(M& A, const StridedView& T, int nb, int bw)
 }
 
 // S = A22 - W^T W, upper triangle: each sum formed from 0 first and subtracted once.
-template <class M>
-void schur_in_order(M& A, const StridedView& S, int nb, int m)
+template <class M> void schur_in_order(M& A, const StridedView& S, int nb, int m)
 {
     for (int r = 0; r < m; ++r)
         for (int c = r; c < m; ++c) {
@@ -109,16 +106,14 @@ void schur_side_by_side(const StridedView& a, const StridedView& S, int nb, int 
     }
 }
 
-template <class M>
-void corner_back(M& A, const StridedView& S, int nb, int m)
+template <class M> void corner_back(M& A, const StridedView& S, int nb, int m)
 {
     for (int r = 0; r < m; ++r)
         for (int c = r; c < m; ++c)
             A(nb + r, nb + c) = S(r, c);
 }
 
-template <class M>
-void corner_into(const StridedView& S, M& A, int nb, int m)
+template <class M> void corner_into(const StridedView& S, M& A, int nb, int m)
 {
     for (int r = 0; r < m; ++r)
         for (int c = r; c < m; ++c)
@@ -126,8 +121,7 @@ void corner_into(const StridedView& S, M& A, int nb, int m)
 }
 
 // Rows nb + r of column col: b2 - W^T y1, each sum from 0 in ascending k.
-template <class M, class BB>
-void subtract_w_t_y(M& A, BB& B, int nb, int m, int col)
+template <class M, class BB> void subtract_w_t_y(M& A, BB& B, int nb, int m, int col)
 {
     for (int r = 0; r < m; ++r) {
         double sigma = 0.0;
@@ -138,8 +132,7 @@ void subtract_w_t_y(M& A, BB& B, int nb, int m, int col)
 }
 
 // The same, up to eight sums side by side (the rows written lie below the rows read).
-void subtract_w_t_y_side_by_side(const StridedView& a, const StridedView& b, int nb, int m,
-                                 int col)
+void subtract_w_t_y_side_by_side(const StridedView& a, const StridedView& b, int nb, int m, int col)
 {
     constexpr int kGroup = 8;
     for (int r0 = 0; r0 < m; r0 += kGroup) {
@@ -156,8 +149,7 @@ void subtract_w_t_y_side_by_side(const StridedView& a, const StridedView& b, int
 }
 
 // Rows r < nb of column col: y1 - W x2, each sum from 0 in ascending k.
-template <class M, class BB>
-void subtract_w_x(M& A, BB& B, int nb, int m, int col)
+template <class M, class BB> void subtract_w_x(M& A, BB& B, int nb, int m, int col)
 {
     for (int r = 0; r < nb; ++r) {
         double sigma = 0.0;
@@ -170,8 +162,8 @@ void subtract_w_x(M& A, BB& B, int nb, int m, int col)
 // One right-hand side column in the fixed order: forward with T, border rows, forward and
 // backward with S, band rows, backward with T.
 template <class M, class BB>
-void solve_column(M& A, BB& b, KelGenericMatrix& B, KelMatrixBanded& T, KelMatrix& S, int nb,
-                  int m, int width, int col)
+void solve_column(M& A, BB& b, KelGenericMatrix& B, KelMatrixBanded& T, KelMatrix& S, int nb, int m,
+                  int width, int col)
 {
     forward_columns(T, nb, width, 0, col, col + 1, B);  // y1 = U11^-T b1
     subtract_w_t_y(A, b, nb, m, col);                   // b2 - W^T y1
@@ -265,12 +257,11 @@ void cyclic_Cholesky_subst(KelGenericMatrix& A, int bandWidth, int m, KelMatrix&
     // with each other, with the factor or with W may go through each stage together instead.
     StridedView b;
     const StridedView w = a.side(true);
-    const bool together =
-        nb >= 1 && m >= 1 && nrhs >= 1 && has_direct_access(B) && !B.SymmetricQ() &&
-        columns_walk_together(T, nb, width, 0, 0, nrhs, B) &&
-        columns_walk_together(S, m, m, nb, 0, nrhs, B) &&
-        (b = direct_access(B).side(true), block_is_distinct(b, nb + m, nrhs)) &&
-        !block_span(w, 0, nb, nb, m).meets(block_span(b, 0, nb + m, 0, nrhs));
+    const bool together = nb >= 1 && m >= 1 && nrhs >= 1 && has_direct_access(B) &&
+                          !B.SymmetricQ() && columns_walk_together(T, nb, width, 0, 0, nrhs, B) &&
+                          columns_walk_together(S, m, m, nb, 0, nrhs, B) &&
+                          (b = direct_access(B).side(true), block_is_distinct(b, nb + m, nrhs)) &&
+                          !block_span(w, 0, nb, nb, m).meets(block_span(b, 0, nb + m, 0, nrhs));
     if (!together) {
         solve_columns_in_order(a, B, T, S, nb, m, width);
         return;

@@ -88,13 +88,14 @@ inline long long address_of(const StridedView& v, long long i, long long j)
            static_cast<long long>(sizeof(double)) * v.at(i, j);
 }
 
-template <int N>
-Span span_of(const StridedView& v, const long long (&corners)[N][2])
+template <int N> Span span_of(const StridedView& v, const long long (&corners)[N][2])
 {
-    Span s{address_of(v, corners[0][0], corners[0][1]), address_of(v, corners[0][0], corners[0][1])};
+    Span s{address_of(v, corners[0][0], corners[0][1]),
+           address_of(v, corners[0][0], corners[0][1])};
     for (const auto& c : corners) {
         s.lo = std::min(s.lo, address_of(v, c[0], c[1]));
-        s.hi = std::max(s.hi, address_of(v, c[0], c[1]) + static_cast<long long>(sizeof(double)) - 1);
+        s.hi =
+            std::max(s.hi, address_of(v, c[0], c[1]) + static_cast<long long>(sizeof(double)) - 1);
     }
     return s;
 }

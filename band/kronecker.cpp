@@ -182,8 +182,7 @@ void upper_substitute(int w1, int w2, U1& u1, KelGenericMatrix& U2, XA& x, KelMa
 }
 
 // The outer factor with its order: the virtual accessor or a direct view of its upper side.
-template <class Access>
-struct Outer {
+template <class Access> struct Outer {
     Access& u;
     int rows;
     double& operator()(int i, int j) const { return u(i, j); }

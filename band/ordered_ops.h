@@ -54,9 +54,18 @@ inline Pair mul(Pair a, Pair b)
     return a;
 }
 #else
-inline double mul(double a, double b) { return a * b; }
-inline double add(double a, double b) { return a + b; }
-inline Pair mul(Pair a, Pair b) { return a * b; }
+inline double mul(double a, double b)
+{
+    return a * b;
+}
+inline double add(double a, double b)
+{
+    return a + b;
+}
+inline Pair mul(Pair a, Pair b)
+{
+    return a * b;
+}
 #endif
 
 inline Pair load_pair(const double* p)

@@ -30,7 +30,8 @@ void* counted_alloc(std::size_t bytes)
     if (!raw)
         throw std::bad_alloc();
     *static_cast<std::size_t*>(raw) = bytes;
-    const long long live = g_live.fetch_add(static_cast<long long>(bytes)) + static_cast<long long>(bytes);
+    const long long live =
+        g_live.fetch_add(static_cast<long long>(bytes)) + static_cast<long long>(bytes);
     long long peak = g_peak.load();
     while (live > peak && !g_peak.compare_exchange_weak(peak, live)) {
     }
@@ -48,8 +49,14 @@ void counted_free(void* p) noexcept
 
 } // namespace
 
-void* operator new(std::size_t n) { return counted_alloc(n); }
-void* operator new[](std::size_t n) { return counted_alloc(n); }
+void* operator new(std::size_t n)
+{
+    return counted_alloc(n);
+}
+void* operator new[](std::size_t n)
+{
+    return counted_alloc(n);
+}
 void* operator new(std::size_t n, const std::nothrow_t&) noexcept
 {
     try {
@@ -58,13 +65,34 @@ void* operator new(std::size_t n, const std::nothrow_t&) noexcept
         return nullptr;
     }
 }
-void* operator new[](std::size_t n, const std::nothrow_t& t) noexcept { return operator new(n, t); }
-void operator delete(void* p) noexcept { counted_free(p); }
-void operator delete[](void* p) noexcept { counted_free(p); }
-void operator delete(void* p, std::size_t) noexcept { counted_free(p); }
-void operator delete[](void* p, std::size_t) noexcept { counted_free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { counted_free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { counted_free(p); }
+void* operator new[](std::size_t n, const std::nothrow_t& t) noexcept
+{
+    return operator new(n, t);
+}
+void operator delete(void* p) noexcept
+{
+    counted_free(p);
+}
+void operator delete[](void* p) noexcept
+{
+    counted_free(p);
+}
+void operator delete(void* p, std::size_t) noexcept
+{
+    counted_free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept
+{
+    counted_free(p);
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept
+{
+    counted_free(p);
+}
+void operator delete[](void* p, const std::nothrow_t&) noexcept
+{
+    counted_free(p);
+}
 
 namespace {
 
@@ -109,10 +137,10 @@ void band_factor(benchmark::State& state, int n, int bw)
     R.Dimension(n, n, 0, bw);
     int info = 0, count = 0;
     const int ldab = bw + 1;
-    kb::compare(
-        state, {[&] { kb::restore(A, a0); }, [&] { count = Cholesky_factor(A, bw, kTol); }},
-        {[&] { kb::restore(R, a0); }, [&] { dpbtrf(&kUpper, &n, &bw, R.GetElements(), &ldab, &info, 1); }},
-        static_cast<double>(n) * bw * (bw + 3.0));
+    kb::compare(state, {[&] { kb::restore(A, a0); }, [&] { count = Cholesky_factor(A, bw, kTol); }},
+                {[&] { kb::restore(R, a0); },
+                 [&] { dpbtrf(&kUpper, &n, &bw, R.GetElements(), &ldab, &info, 1); }},
+                static_cast<double>(n) * bw * (bw + 3.0));
     if (count != n || info != 0)
         state.SkipWithError("matrix not positive definite");
 }
@@ -156,10 +184,10 @@ void dense_factor(benchmark::State& state, int n)
     const std::vector<double> a0 = kb::storage_of(A);
     R.Dimension(n, n, -1, -1);
     int info = 0, count = 0;
-    kb::compare(state, {[&] { kb::restore(A, a0); }, [&] { count = Cholesky_factor(A, n, kTol); }},
-                {[&] { kb::restore(R, a0); },
-                 [&] { dpotrf(&kUpper, &n, R.GetElements(), &n, &info, 1); }},
-                n * (double)n * n / 3.0);
+    kb::compare(
+        state, {[&] { kb::restore(A, a0); }, [&] { count = Cholesky_factor(A, n, kTol); }},
+        {[&] { kb::restore(R, a0); }, [&] { dpotrf(&kUpper, &n, R.GetElements(), &n, &info, 1); }},
+        n * (double)n * n / 3.0);
     if (count != n || info != 0)
         state.SkipWithError("matrix not positive definite");
 }
@@ -179,21 +207,18 @@ void dense_subst(benchmark::State& state, int n, int nrhs)
     const std::vector<double> b0 = kb::storage_of(B0);
     B.Dimension(n, nrhs, -1, -1);
     RB.Dimension(n, nrhs, -1, -1);
-    kb::compare(state, {[&] { kb::restore(B, b0); }, [&] { Cholesky_subst(A, n, B); }},
-                {[&] { kb::restore(RB, b0); },
-                 [&] {
-                     dpotrs(&kUpper, &n, &nrhs, R.GetElements(), &n, RB.GetElements(), &n, &info,
-                            1);
-                 }},
-                2.0 * n * n * nrhs);
+    kb::compare(
+        state, {[&] { kb::restore(B, b0); }, [&] { Cholesky_subst(A, n, B); }},
+        {[&] { kb::restore(RB, b0); },
+         [&] { dpotrs(&kUpper, &n, &nrhs, R.GetElements(), &n, RB.GetElements(), &n, &info, 1); }},
+        2.0 * n * n * nrhs);
 }
 
 // ---- cyclic routines on bordered storage vs the plain band solve of the same order ----
 
 // A periodic band matrix of half-bandwidth bw with its last m unknowns ordered last: the
 // off-diagonals -1/d at distance d wrap around, the diagonal is 4.
-template <class M>
-void fill_periodic(M& A, int n, int bw)
+template <class M> void fill_periodic(M& A, int n, int bw)
 {
     for (int i = 0; i < n; ++i) {
         A(i, i) = 4.0;
@@ -426,7 +451,8 @@ void kronecker_vs_assembled(benchmark::State& state, int n, int kd)
             kb::restore(d.A, d.a0);
             kb::restore(d.B, d.b0);
             kb::restore(X, d.x0);
-            kron_times.push_back(kb::seconds([&] { ok = Solve_Kronecker(d.A, d.B, X, true) && ok; }));
+            kron_times.push_back(
+                kb::seconds([&] { ok = Solve_Kronecker(d.A, d.B, X, true) && ok; }));
         }
         kb::restore(d.A, d.a0);
         kb::restore(d.B, d.b0);
@@ -450,39 +476,47 @@ void register_cases()
 {
     const int n_band = kb::size(200000, 2000);
     for (int bw : {1, 2, 4, 8, 32})
-        kb::add("BandFactor/n:" + std::to_string(n_band) + "/bw:" + std::to_string(bw),
-                [=](benchmark::State& s) { band_factor(s, n_band, bw); }, 9);
+        kb::add(
+            "BandFactor/n:" + std::to_string(n_band) + "/bw:" + std::to_string(bw),
+            [=](benchmark::State& s) { band_factor(s, n_band, bw); }, 9);
     for (int nrhs : {1, 16})
         for (int bw : {1, 2, 4, 8, 32})
-            kb::add("BandSubst/n:" + std::to_string(n_band) + "/bw:" + std::to_string(bw) +
-                        "/nrhs:" + std::to_string(nrhs),
-                    [=](benchmark::State& s) { band_subst(s, n_band, bw, nrhs); }, 9);
+            kb::add(
+                "BandSubst/n:" + std::to_string(n_band) + "/bw:" + std::to_string(bw) +
+                    "/nrhs:" + std::to_string(nrhs),
+                [=](benchmark::State& s) { band_subst(s, n_band, bw, nrhs); }, 9);
 
     const int n_dense = kb::size(2000, 100);
-    kb::add("DenseFactor/n:" + std::to_string(n_dense),
-            [=](benchmark::State& s) { dense_factor(s, n_dense); }, 5);
+    kb::add(
+        "DenseFactor/n:" + std::to_string(n_dense),
+        [=](benchmark::State& s) { dense_factor(s, n_dense); }, 5);
     for (int nrhs : {1, 16})
-        kb::add("DenseSubst/n:" + std::to_string(n_dense) + "/nrhs:" + std::to_string(nrhs),
-                [=](benchmark::State& s) { dense_subst(s, n_dense, nrhs); }, 7);
+        kb::add(
+            "DenseSubst/n:" + std::to_string(n_dense) + "/nrhs:" + std::to_string(nrhs),
+            [=](benchmark::State& s) { dense_subst(s, n_dense, nrhs); }, 7);
 
     for (bool periodic : {false, true})
         for (int n : {kb::size(100000, 1000), kb::size(1000000, 3000)})
-            kb::add(std::string("Cyclic/") + (periodic ? "periodic" : "dense_border") +
-                        "/n:" + std::to_string(n) + "/bw:2/m:2",
-                    [=](benchmark::State& s) { cyclic(s, n, 2, 2, periodic); }, periodic ? 5 : 7);
+            kb::add(
+                std::string("Cyclic/") + (periodic ? "periodic" : "dense_border") +
+                    "/n:" + std::to_string(n) + "/bw:2/m:2",
+                [=](benchmark::State& s) { cyclic(s, n, 2, 2, periodic); }, periodic ? 5 : 7);
 
     const int n_bsp = kb::size(5000, 200);
-    kb::add("SolveBSP_Cyclic/n:" + std::to_string(n_bsp) + "/bw:2/m:2",
-            [=](benchmark::State& s) { solve_bsp_cyclic(s, n_bsp, 2, 2); }, 7);
+    kb::add(
+        "SolveBSP_Cyclic/n:" + std::to_string(n_bsp) + "/bw:2/m:2",
+        [=](benchmark::State& s) { solve_bsp_cyclic(s, n_bsp, 2, 2); }, 7);
 
     const int n_kron = kb::size(1000, 40);
     for (int groups : {1, 8})
         for (bool copy : {false, true})
-            kb::add("Kronecker/n:" + std::to_string(n_kron) + "/kd:3/groups:" +
-                        std::to_string(groups) + "/copy:" + std::to_string(copy),
-                    [=](benchmark::State& s) { kronecker(s, n_kron, 3, groups, copy); }, 7);
-    kb::add("KroneckerVsAssembled/n:" + std::to_string(n_kron) + "/kd:3",
-            [=](benchmark::State& s) { kronecker_vs_assembled(s, n_kron, 3); }, 1);
+            kb::add(
+                "Kronecker/n:" + std::to_string(n_kron) + "/kd:3/groups:" + std::to_string(groups) +
+                    "/copy:" + std::to_string(copy),
+                [=](benchmark::State& s) { kronecker(s, n_kron, 3, groups, copy); }, 7);
+    kb::add(
+        "KroneckerVsAssembled/n:" + std::to_string(n_kron) + "/kd:3",
+        [=](benchmark::State& s) { kronecker_vs_assembled(s, n_kron, 3); }, 1);
 }
 
 } // namespace

@@ -60,16 +60,14 @@ void solve_general(benchmark::State& state, int n, int nrhs)
     std::vector<int> ipiv(n);
     int info = 0;
     bool ok = true;
-    kb::compare(state, {nullptr, [&] { ok = Solve(A, B, X) && ok; }},
-                {[&] {
-                     RA = A;
-                     RB = B;
-                 },
-                 [&] {
-                     dgesv(&n, &nrhs, RA.GetElements(), &n, ipiv.data(), RB.GetElements(), &n,
-                           &info);
-                 }},
-                2.0 * n * n * (double)n / 3.0);
+    kb::compare(
+        state, {nullptr, [&] { ok = Solve(A, B, X) && ok; }},
+        {[&] {
+             RA = A;
+             RB = B;
+         },
+         [&] { dgesv(&n, &nrhs, RA.GetElements(), &n, ipiv.data(), RB.GetElements(), &n, &info); }},
+        2.0 * n * n * (double)n / 3.0);
     if (!ok || info != 0)
         state.SkipWithError("solve failed");
 }
@@ -86,23 +84,21 @@ void solve_spd(benchmark::State& state, int n, int nrhs, int copy)
     const std::vector<double> a0 = kb::storage_of(A0), b0 = kb::storage_of(B0);
     int info = 0;
     bool ok = true;
-    kb::compare(state,
-                {[&] {
-                     if (copy == 0) { // the wrapper works in A's and B's own arrays
-                         kb::restore(A, a0);
-                         kb::restore(B, b0);
-                     }
-                 },
-                 [&] { ok = SolveSP(A, B, X, copy) && ok; }},
-                {[&] {
-                     kb::restore(RA, a0);
-                     kb::restore(RB, b0);
-                 },
-                 [&] {
-                     dposv(&kUpper, &n, &nrhs, RA.GetElements(), &n, RB.GetElements(), &n, &info,
-                           1);
-                 }},
-                n * (double)n * n / 3.0);
+    kb::compare(
+        state,
+        {[&] {
+             if (copy == 0) { // the wrapper works in A's and B's own arrays
+                 kb::restore(A, a0);
+                 kb::restore(B, b0);
+             }
+         },
+         [&] { ok = SolveSP(A, B, X, copy) && ok; }},
+        {[&] {
+             kb::restore(RA, a0);
+             kb::restore(RB, b0);
+         },
+         [&] { dposv(&kUpper, &n, &nrhs, RA.GetElements(), &n, RB.GetElements(), &n, &info, 1); }},
+        n * (double)n * n / 3.0);
     if (!ok || info != 0)
         state.SkipWithError("solve failed");
 }
@@ -197,12 +193,12 @@ void min_norm_least_squares(benchmark::State& state, int n, int nrhs)
                      // The raw routine as LAPACK is called: workspace query, then the solve.
                      double optimum = 0.0;
                      int lwork = -1;
-                     dgelsy(&n, &n, &nrhs, RA.GetElements(), &n, RB.GetElements(), &n,
-                            rjpvt.data(), &rcond, &rrank, &optimum, &lwork, &info);
+                     dgelsy(&n, &n, &nrhs, RA.GetElements(), &n, RB.GetElements(), &n, rjpvt.data(),
+                            &rcond, &rrank, &optimum, &lwork, &info);
                      lwork = static_cast<int>(optimum);
                      std::vector<double> work(lwork);
-                     dgelsy(&n, &n, &nrhs, RA.GetElements(), &n, RB.GetElements(), &n,
-                            rjpvt.data(), &rcond, &rrank, work.data(), &lwork, &info);
+                     dgelsy(&n, &n, &nrhs, RA.GetElements(), &n, RB.GetElements(), &n, rjpvt.data(),
+                            &rcond, &rrank, work.data(), &lwork, &info);
                  }},
                 0.0, false);
     if (!ok || info != 0)
@@ -213,18 +209,24 @@ void register_cases()
 {
     const int n = kb::size(2000, 100);
     const std::string sn = "/n:" + std::to_string(n);
-    kb::add("Product" + sn, [=](benchmark::State& s) { product(s, n); }, 7);
-    kb::add("Solve" + sn + "/nrhs:1", [=](benchmark::State& s) { solve_general(s, n, 1); }, 9);
+    kb::add(
+        "Product" + sn, [=](benchmark::State& s) { product(s, n); }, 7);
+    kb::add(
+        "Solve" + sn + "/nrhs:1", [=](benchmark::State& s) { solve_general(s, n, 1); }, 9);
     for (int copy : {1, 0})
-        kb::add("SolveSP" + sn + "/nrhs:1/copy:" + std::to_string(copy),
-                [=](benchmark::State& s) { solve_spd(s, n, 1, copy); }, 11);
+        kb::add(
+            "SolveSP" + sn + "/nrhs:1/copy:" + std::to_string(copy),
+            [=](benchmark::State& s) { solve_spd(s, n, 1, copy); }, 11);
     for (int copy : {1, 0})
-        kb::add("SolveBSP" + sn + "/kd:100/nrhs:1/copy:" + std::to_string(copy),
-                [=](benchmark::State& s) { solve_band_spd(s, n, 100, 1, copy); }, 21);
+        kb::add(
+            "SolveBSP" + sn + "/kd:100/nrhs:1/copy:" + std::to_string(copy),
+            [=](benchmark::State& s) { solve_band_spd(s, n, 100, 1, copy); }, 21);
     // dsyev with its minimum workspace takes seconds: three pairs only.
-    kb::add("spdmEigenproblem" + sn, [=](benchmark::State& s) { eigenproblem(s, n); }, 3);
-    kb::add("MinNormLeastSquares" + sn + "/nrhs:1",
-            [=](benchmark::State& s) { min_norm_least_squares(s, n, 1); }, 5);
+    kb::add(
+        "spdmEigenproblem" + sn, [=](benchmark::State& s) { eigenproblem(s, n); }, 3);
+    kb::add(
+        "MinNormLeastSquares" + sn + "/nrhs:1",
+        [=](benchmark::State& s) { min_norm_least_squares(s, n, 1); }, 5);
 }
 
 } // namespace

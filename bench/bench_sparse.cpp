@@ -68,8 +68,8 @@ struct RawPardiso {
     }
     int call(int phase, int nrhs, double* b, double* x)
     {
-        pardiso(pt, &maxfct, &mnum, &mtype, &phase, &m->n, m->a.data(), m->ia.data(),
-                m->ja.data(), &perm, &nrhs, iparm, &msglvl, b, x, &error);
+        pardiso(pt, &maxfct, &mnum, &mtype, &phase, &m->n, m->a.data(), m->ia.data(), m->ja.data(),
+                &perm, &nrhs, iparm, &msglvl, b, x, &error);
         return error;
     }
 };
@@ -133,10 +133,12 @@ void register_cases()
     static Csr grid3 = laplacian(kb::size(60, 8), kb::size(60, 8), kb::size(60, 8));
     // Each iteration factors twice (6-10 s at one thread): no warm-up round, the alternating
     // order of the two sides evens out first-touch effects.
-    kb::add("LSMsolver/laplace2d/n:" + std::to_string(grid2.n),
-            [](benchmark::State& s) { sparse(s, grid2, false); }, 5);
-    kb::add("LSMsolver/laplace3d/n:" + std::to_string(grid3.n),
-            [](benchmark::State& s) { sparse(s, grid3, false); }, 5);
+    kb::add(
+        "LSMsolver/laplace2d/n:" + std::to_string(grid2.n),
+        [](benchmark::State& s) { sparse(s, grid2, false); }, 5);
+    kb::add(
+        "LSMsolver/laplace3d/n:" + std::to_string(grid3.n),
+        [](benchmark::State& s) { sparse(s, grid3, false); }, 5);
 }
 
 } // namespace

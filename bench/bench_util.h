@@ -48,8 +48,7 @@ inline int reps(int full)
     return options().smoke ? 1 : full;
 }
 
-template <class F>
-double seconds(F&& f)
+template <class F> double seconds(F&& f)
 {
     const auto t0 = std::chrono::steady_clock::now();
     f();
@@ -136,12 +135,10 @@ inline void compare(benchmark::State& state, Timed lib, Timed ref, double flops 
 }
 
 /// Registers a case with a fixed number of paired iterations and manual (library) timing.
-inline benchmark::internal::Benchmark* add(const std::string& name,
-                                           std::function<void(benchmark::State&)> fn,
-                                           int iterations)
+inline benchmark::internal::Benchmark*
+add(const std::string& name, std::function<void(benchmark::State&)> fn, int iterations)
 {
-    return benchmark::RegisterBenchmark(name.c_str(),
-                                        [fn](benchmark::State& st) { fn(st); })
+    return benchmark::RegisterBenchmark(name.c_str(), [fn](benchmark::State& st) { fn(st); })
         ->Iterations(reps(iterations))
         ->UseManualTime()
         ->Unit(benchmark::kMillisecond);

@@ -79,8 +79,10 @@ private:
                           static_cast<std::size_t>(bw_ + 1) * j];
         }
         if (i < nb_)
-            return &border_[static_cast<std::size_t>(i) + static_cast<std::size_t>(nb_) * (j - nb_)];
-        return &corner_[static_cast<std::size_t>(i - nb_) + static_cast<std::size_t>(m_) * (j - nb_)];
+            return &border_[static_cast<std::size_t>(i) +
+                            static_cast<std::size_t>(nb_) * (j - nb_)];
+        return &corner_[static_cast<std::size_t>(i - nb_) +
+                        static_cast<std::size_t>(m_) * (j - nb_)];
     }
 
     int nb_, bw_, m_;

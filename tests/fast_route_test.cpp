@@ -39,8 +39,7 @@ private:
 };
 
 // A KelMatrix of a derived type: same storage and accessor, but the generic route.
-struct DerivedKel : KelMatrix {
-};
+struct DerivedKel : KelMatrix {};
 
 // The storages under test: dense plain / upper / lower, band kl = 0, band kl = 1 mirrored lower.
 enum Storage { kDense, kDenseUpper, kDenseLower, kBand, kBandLower, kStorages };
@@ -60,8 +59,7 @@ void shape(KelGenericMatrix& m, Storage s, int n, int bw)
 }
 
 // A twin in the same storage type with the same flags and bits.
-template <class M>
-void twin(M& src, M& dst)
+template <class M> void twin(M& src, M& dst)
 {
     dst.SetSymmetric(src.SymmetricQ());
     if (src.UsesLowerQ())
@@ -90,14 +88,21 @@ void fill_band(KelGenericMatrix& A, int n, int bw, std::mt19937_64& rng)
     }
     for (int i = 0; i < n; ++i)
         switch (pick(rng)) {
-        case 0: A(i, i) = 1e-9; break;
+        case 0:
+            A(i, i) = 1e-9;
+            break;
         case 1:
             for (int k = std::max(0, i - bw); k <= i; ++k)
                 A(k, i) = 0.0;
             break;
-        case 2: A(i, i) = kNaN; break;
-        case 3: A(i, i) = -1.0; break;
-        default: break;
+        case 2:
+            A(i, i) = kNaN;
+            break;
+        case 3:
+            A(i, i) = -1.0;
+            break;
+        default:
+            break;
         }
 }
 
@@ -147,7 +152,8 @@ TEST(FastRoute, BandCholeskyMatchesTheGenericRoute)
     SCOPED_TRACE(kt::seed_note());
     // Widths: narrow, wider than the band storage's diagonals reach (kBand: in order), the
     // column kernel (> 96) and the whole matrix; bw <= 0 resolves from the matrix.
-    const int cases[][2] = {{1, 1}, {7, 1}, {30, 2}, {30, 3}, {40, 8}, {25, 24}, {130, 100}, {20, 0}};
+    const int cases[][2] = {{1, 1},  {7, 1},   {30, 2},    {30, 3},
+                            {40, 8}, {25, 24}, {130, 100}, {20, 0}};
     for (const auto& c : cases)
         for (double tol : {1e-3, 0.0, -1.0})
             for (int s = 0; s < kStorages; ++s) {
@@ -178,7 +184,8 @@ void cyclic_agrees(Storage s, int nb, int bw, int m, double tol, std::mt19937_64
     fill_band(fast, n, n - 1, rng);
     twin(fast, slow);
     Forward generic(slow);
-    ASSERT_EQ(cyclic_Cholesky_factor(fast, bw, m, tol), cyclic_Cholesky_factor(generic, bw, m, tol));
+    ASSERT_EQ(cyclic_Cholesky_factor(fast, bw, m, tol),
+              cyclic_Cholesky_factor(generic, bw, m, tol));
     ASSERT_TRUE(same_storage(fast, slow));
     for (int nrhs : {1, 3}) {
         KelMatrix b;
@@ -195,8 +202,8 @@ TEST(FastRoute, CyclicCholeskyMatchesTheGenericRoute)
 {
     std::mt19937_64 rng(kt::seed() + 1);
     SCOPED_TRACE(kt::seed_note());
-    const int cases[][3] = {{12, 2, 2}, {9, 1, 1}, {10, 3, 0}, {0, 2, 5}, {8, 0, 2}, {8, -1, 2},
-                            {6, 9, 3}, {120, 100, 2}};
+    const int cases[][3] = {{12, 2, 2}, {9, 1, 1},  {10, 3, 0}, {0, 2, 5},
+                            {8, 0, 2},  {8, -1, 2}, {6, 9, 3},  {120, 100, 2}};
     for (const auto& c : cases)
         for (double tol : {1e-3, 0.0})
             for (Storage s : {kDense, kDenseUpper, kDenseLower, kBand}) {
