@@ -4,8 +4,8 @@
 // Every case times the library function and the raw MKL routine (or peer) on the same data, in
 // the same iteration, alternating which of the two runs first; inputs are rebuilt outside the
 // timed region. The reported counters are the medians of the library's and the reference's
-// times over all iterations (>= 5 unless stated) and their ratio; Google Benchmark's own time
-// column is the library's time. Command line: --threads=N fixes MKL's and the sparse solver's
+// times over all iterations (>= 5 unless stated), their ratio, and the smallest and largest
+// per-iteration ratio; Google Benchmark's own time column is the library's time. Command line: --threads=N fixes MKL's and the sparse solver's
 // thread count (recorded in the context and in every case), --smoke shrinks every size and runs
 // one iteration, for CI; everything else goes to Google Benchmark.
 #ifndef KELMATRIX_BENCH_UTIL_H
@@ -80,6 +80,16 @@ struct Pairs {
         state.counters[prefix + "lib_ms"] = l * 1e3;
         state.counters[prefix + "ref_ms"] = r * 1e3;
         state.counters[prefix + "ratio"] = r > 0.0 ? l / r : 0.0;
+        // The spread of the per-iteration ratios shows how much the machine moved the figure.
+        std::vector<double> ratios;
+        for (std::size_t k = 0; k < lib.size() && k < ref.size(); ++k)
+            if (ref[k] > 0.0)
+                ratios.push_back(lib[k] / ref[k]);
+        if (ratios.size() > 1) {
+            std::sort(ratios.begin(), ratios.end());
+            state.counters[prefix + "ratio_min"] = ratios.front();
+            state.counters[prefix + "ratio_max"] = ratios.back();
+        }
         if (flops > 0.0 && l > 0.0)
             state.counters[prefix + "lib_GFlops"] = flops / l * 1e-9;
         state.counters["threads"] = options().threads;
