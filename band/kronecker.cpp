@@ -13,11 +13,54 @@
 // Cholesky_backward_subst), keeping the last w1 + 1 outer values in a ring buffer. A negative
 // diagonal of U1 (a dropped pivot) zeroes its block in every column. Deliberate: a zero diagonal
 // of U1 is divided by in the lower substitution but zeroes the block in the upper one, and the
-// w2 <= 0 defaults differ between the two. Every element goes through the virtual accessor, so
-// U1 and U2 may be dense or band; all temporaries are local matrices released on every path.
+// w2 <= 0 defaults differ between the two. Every element goes through the element accessor, so
+// U1 and U2 may be dense or band; a KelMatrix or KelMatrixBanded (exactly those types) is
+// addressed directly, in the same order. The block transpositions work on the temporaries'
+// arrays tile by tile. All temporaries are local matrices released on every path.
+#include <algorithm>
+
 #include "band/band_substitution.h"
+#include "band/direct_access.h"
+#include "band/ordered_ops.h"
 #include "kelmatrix/band.h"
 #include "kelmatrix/dense.h"
+
+using namespace kelmatrix::internal;
+
+namespace {
+
+// dst(j, i) = src(i, j) for i < rows, j < cols (column-major, leading dimensions lds and ldd),
+// in square tiles so that both sides stay in cache; inside a tile two rows of src at a time
+// become pairs of adjacent elements of dst (a pure copy: every bit, NaN payloads included).
+void transpose(const double* src, long long lds, double* dst, long long ldd, int rows, int cols)
+{
+    constexpr int kTile = 128;
+    for (int i0 = 0; i0 < rows; i0 += kTile) {
+        const int i1 = std::min(rows, i0 + kTile);
+        for (int j0 = 0; j0 < cols; j0 += kTile) {
+            const int j1 = std::min(cols, j0 + kTile);
+            int i = i0;
+            for (; i + 1 < i1; i += 2) {
+                int j = j0;
+                for (; j + 1 < j1; j += 2) {
+                    const Pair a = load_pair(src + i + j * lds);       // src(i, j), src(i+1, j)
+                    const Pair b = load_pair(src + i + (j + 1) * lds); // src(i, j+1), src(i+1, j+1)
+                    store_pair(dst + j + i * ldd, Pair{a[0], b[0]});
+                    store_pair(dst + j + (i + 1) * ldd, Pair{a[1], b[1]});
+                }
+                if (j < j1) {
+                    dst[j + i * ldd] = src[i + j * lds];
+                    dst[j + (i + 1) * ldd] = src[i + 1 + j * lds];
+                }
+            }
+            if (i < i1)
+                for (int j = j0; j < j1; ++j)
+                    dst[j + i * ldd] = src[i + j * lds];
+        }
+    }
+}
+
+} // namespace
 
 bool Solve_Kronecker(const KelMatrixBanded& A, const KelMatrixBanded& B, KelMatrix& X,
                      bool copyInputs)
@@ -33,22 +76,31 @@ bool Solve_Kronecker(const KelMatrixBanded& A, const KelMatrixBanded& B, KelMatr
     if (!SolveBSP(B, X, T1, copy))
         return false;
 
-    // T2(:, k*nB .. k*nB+nB-1) := transpose of group k of T1.
+    // T2(:, k*nB .. k*nB+nB-1) := transpose of group k of T1. Both are plain dense temporaries.
     KelMatrix T2;
     T2.Dimension(nA, m * nB, -1, -1);
+    const long long ld1 = T1.GetRowDim(), ld2 = T2.GetRowDim();
     for (int k = 0; k < m; ++k)
-        for (int i = 0; i < nB; ++i)
-            for (int j = 0; j < nA; ++j)
-                T2(j, k * nB + i) = T1(i, k * nA + j);
+        transpose(T1.GetElements() + ld1 * k * nA, ld1, T2.GetElements() + ld2 * k * nB, ld2, nB,
+                  nA);
 
     // T1 := A^-1 T2, again every group in one call.
     if (!SolveBSP(A, T2, T1, copy))
         return false;
 
+    const long long ld = T1.GetRowDim();
+    if (has_direct_access(X) && !X.SymmetricQ()) {
+        const long long ldx = X.GetRowDim();
+        for (int k = 0; k < m; ++k)
+            transpose(T1.GetElements() + ld * k * nB, ld, X.GetElements() + ldx * k * nA, ldx, nA,
+                      nB);
+        return true;
+    }
+    const double* t1 = T1.GetElements();
     for (int k = 0; k < m; ++k)
         for (int j = 0; j < nA; ++j)
             for (int i = 0; i < nB; ++i)
-                X(i, k * nA + j) = T1(j, k * nB + i);
+                X(i, k * nA + j) = t1[j + ld * (static_cast<long long>(k) * nB + i)];
     return true;
 }
 
@@ -58,6 +110,115 @@ namespace {
 inline int slot(int k, int w1, int q)
 {
     return (k * q) % ((w1 + 1) * q);
+}
+
+// z_i = (x_i - sum_{k<i} U1(k,i) z_k) / U1(i,i) with z_k = U2^T y_k: the ring keeps z, the values
+// between the division and the inner solve, of the last w1 + 1 blocks.
+template <class U1, class XA>
+void lower_substitute(int w1, int w2, U1& u1, KelGenericMatrix& U2, XA& x, KelMatrix& X,
+                      double* ring)
+{
+    const int p = u1.rows, q = U2.GetRowDim(), ncols = X.GetColDim();
+    for (int c = 0; c < ncols; ++c) {
+        for (int i = 0; i < p; ++i) {
+            const double d = u1(i, i);
+            const int si = slot(i, w1, q);
+            if (d >= 0.0) { // zero is divided by; negative (dropped) and NaN zero the block
+                for (int k = i - 1; k >= 0 && i - k <= w1; --k) {
+                    if (u1(k, k) > 0.0) { // strict: dropped and zero diagonals do not contribute
+                        const double f = u1(k, i);
+                        const int sk = slot(k, w1, q);
+                        for (int t = 0; t < q; ++t)
+                            x(i * q + t, c) -= mul(f, ring[sk + t]);
+                    }
+                }
+                for (int t = 0; t < q; ++t) {
+                    x(i * q + t, c) /= d;
+                    ring[si + t] = x(i * q + t, c);
+                }
+                forward_columns(U2, q, w2, i * q, c, c + 1, X);
+            } else {
+                for (int t = 0; t < q; ++t) {
+                    ring[si + t] = 0.0;
+                    x(i * q + t, c) = 0.0;
+                }
+            }
+        }
+    }
+}
+
+// The mirror image: z_i = (x_i - sum_{k>i} U1(i,k) z_k) / U1(i,i) with z_k = U2 y_k.
+template <class U1, class XA>
+void upper_substitute(int w1, int w2, U1& u1, KelGenericMatrix& U2, XA& x, KelMatrix& X,
+                      double* ring)
+{
+    const int p = u1.rows, q = U2.GetRowDim(), ncols = X.GetColDim();
+    for (int c = 0; c < ncols; ++c) {
+        for (int i = p - 1; i >= 0; --i) {
+            const double d = u1(i, i);
+            const int si = slot(i, w1, q);
+            if (d > 0.0) { // Deliberate: strict, so a zero diagonal zeroes the block here
+                for (int k = i + 1; k < p && k - i <= w1; ++k) {
+                    if (u1(k, k) > 0.0) { // strict: dropped and zero diagonals do not contribute
+                        const double f = u1(i, k);
+                        const int sk = slot(k, w1, q);
+                        for (int t = 0; t < q; ++t)
+                            x(i * q + t, c) -= mul(f, ring[sk + t]);
+                    }
+                }
+                for (int t = 0; t < q; ++t) {
+                    x(i * q + t, c) /= d;
+                    ring[si + t] = x(i * q + t, c);
+                }
+                backward_columns(U2, q, w2, i * q, c, c + 1, X);
+            } else {
+                for (int t = 0; t < q; ++t) {
+                    ring[si + t] = 0.0;
+                    x(i * q + t, c) = 0.0;
+                }
+            }
+        }
+    }
+}
+
+// The outer factor with its order: the virtual accessor or a direct view of its upper side.
+template <class Access> struct Outer {
+    Access& u;
+    int rows;
+    double& operator()(int i, int j) const { return u(i, j); }
+};
+
+// Runs the substitution with direct addressing where U1 and X allow it, else generically.
+template <bool Lower>
+void substitute(int w1, int w2, KelGenericMatrix& U1, KelGenericMatrix& U2, KelMatrix& X)
+{
+    const int q = U2.GetRowDim();
+    w2 = resolve_band_width(U2, w2); // what the inner substitution resolves at every block
+    KelMatrix W;
+    W.Dimension((w1 + 1) * q, 1, -1, -1);
+    double* ring = W.GetElements(); // W(r, 0) lies at ring[r]: a plain column
+
+    auto run = [&](auto& outer, auto& x) {
+        if (Lower)
+            lower_substitute(w1, w2, outer, U2, x, X, ring);
+        else
+            upper_substitute(w1, w2, outer, U2, x, X, ring);
+    };
+    if (has_direct_access(U1) && has_direct_access(X)) {
+        StridedView u1 = direct_access(U1).side(true); // U1 is read at i <= j only
+        Outer<StridedView> outer{u1, U1.GetRowDim()};
+        DirectAccess xd = direct_access(X);
+        if (xd.symmetric) {
+            run(outer, xd);
+        } else {
+            StridedView x = xd.side(true); // nothing is mirrored
+            run(outer, x);
+        }
+        return;
+    }
+    Outer<KelGenericMatrix> outer{U1, U1.GetRowDim()};
+    KelGenericMatrix& x = X;
+    run(outer, x);
 }
 
 } // namespace
@@ -70,75 +231,16 @@ void kronecker_lower_substitute(int w1, int w2, KelGenericMatrix& U1, KelGeneric
         w1 = p;
     if (w2 <= 0)
         w2 = q;
-
-    // z_i = (x_i - sum_{k<i} U1(k,i) z_k) / U1(i,i) with z_k = U2^T y_k: the ring keeps z, the
-    // values between the division and the inner solve, of the last w1 + 1 blocks.
-    KelMatrix W;
-    W.Dimension((w1 + 1) * q, 1, -1, -1);
-    for (int c = 0; c < X.GetColDim(); ++c) {
-        for (int i = 0; i < p; ++i) {
-            const double d = U1(i, i);
-            const int si = slot(i, w1, q);
-            if (d >= 0.0) { // zero is divided by; negative (dropped) and NaN zero the block
-                for (int k = i - 1; k >= 0 && i - k <= w1; --k) {
-                    if (U1(k, k) > 0.0) { // strict: dropped and zero diagonals do not contribute
-                        const double f = U1(k, i);
-                        const int sk = slot(k, w1, q);
-                        for (int t = 0; t < q; ++t)
-                            X(i * q + t, c) -= f * W(sk + t, 0);
-                    }
-                }
-                for (int t = 0; t < q; ++t) {
-                    X(i * q + t, c) /= d;
-                    W(si + t, 0) = X(i * q + t, c);
-                }
-                Cholesky_forward_subst(U2, i * q, c, w2, X);
-            } else {
-                for (int t = 0; t < q; ++t) {
-                    W(si + t, 0) = 0.0;
-                    X(i * q + t, c) = 0.0;
-                }
-            }
-        }
-    }
+    substitute<true>(w1, w2, U1, U2, X);
 }
 
 void kronecker_upper_substitute(int w1, int w2, KelGenericMatrix& U1, KelGenericMatrix& U2,
                                 KelMatrix& X)
 {
-    const int p = U1.GetRowDim(), q = U2.GetRowDim();
+    const int p = U1.GetRowDim();
     if (w1 <= 0)
         w1 = p;
     if (w2 <= 0)
         w2 = p; // Deliberate: U1's order, not U2's as in the lower; positive widths never see it
-
-    // The mirror image: z_i = (x_i - sum_{k>i} U1(i,k) z_k) / U1(i,i) with z_k = U2 y_k.
-    KelMatrix W;
-    W.Dimension((w1 + 1) * q, 1, -1, -1);
-    for (int c = 0; c < X.GetColDim(); ++c) {
-        for (int i = p - 1; i >= 0; --i) {
-            const double d = U1(i, i);
-            const int si = slot(i, w1, q);
-            if (d > 0.0) { // Deliberate: strict, so a zero diagonal zeroes the block here
-                for (int k = i + 1; k < p && k - i <= w1; ++k) {
-                    if (U1(k, k) > 0.0) { // strict: dropped and zero diagonals do not contribute
-                        const double f = U1(i, k);
-                        const int sk = slot(k, w1, q);
-                        for (int t = 0; t < q; ++t)
-                            X(i * q + t, c) -= f * W(sk + t, 0);
-                    }
-                }
-                for (int t = 0; t < q; ++t) {
-                    X(i * q + t, c) /= d;
-                    W(si + t, 0) = X(i * q + t, c);
-                }
-                Cholesky_backward_subst(U2, i * q, c, w2, X);
-            } else {
-                for (int t = 0; t < q; ++t) {
-                    W(si + t, 0) = 0.0;
-                    X(i * q + t, c) = 0.0;
-                }
-            }
-        }
-    }
+    substitute<false>(w1, w2, U1, U2, X);
 }

@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds KELMATRIX with its benchmarks (Release, `bench` preset) and
+# runs every benchmark at 1 and then 2 threads. Each case prints the library's time, the raw
+# MKL routine's (or peer's) time measured in the same process, and their ratio (medians).
+#   scripts/bench.sh            the full run (about 15 minutes on 2 cores)
+#   scripts/bench.sh --smoke    every case once on small sizes (CI: builds and runs, times nothing)
+# Results also go to build/bench/results/<executable>-<threads>t.json.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+mode="${1:-full}"
+bash scripts/install-deps.sh
+cmake --preset bench >/dev/null
+cmake --build --preset bench -j "$(nproc)"
+
+bin=build/bench/bench
+out=build/bench/results
+mkdir -p "$out"
+uptime
+
+run() { # executable threads [extra Google Benchmark flags...]
+    local exe=$1 threads=$2
+    shift 2
+    local args=(--threads="$threads" --benchmark_counters_tabular=true)
+    if [ "$mode" = "--smoke" ]; then
+        args+=(--smoke)
+    else
+        args+=(--benchmark_out="$out/$exe-${threads}t.json" --benchmark_out_format=json)
+    fi
+    echo "== $exe, $threads thread(s)"
+    OMP_NUM_THREADS="$threads" "$bin/$exe" "${args[@]}" "$@"
+}
+
+start=$(date +%s)
+for threads in 1 2; do
+    if [ "$threads" = 1 ]; then
+        run bench_band 1 # includes the sparse solver on the assembled Kronecker product, once
+    else
+        run bench_band "$threads" --benchmark_filter=-KroneckerVsAssembled
+    fi
+    run bench_dense "$threads"
+    run bench_sparse "$threads"
+done
+uptime
+echo "bench: done in $(( $(date +%s) - start )) s"
