@@ -5,9 +5,9 @@
 // process-wide misalignment. Deliberate quirks kept as the interface: the assignment is shallow,
 // Swap leaves each block with the object that allocated it, and a dense re-dimension keeps an
 // earlier band. Nothing is checked: sizes and indices go straight into products and addresses.
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <limits>
 #include <new>
 #include <utility>
 
@@ -40,9 +40,9 @@ double* allocate_block(long long count)
 {
     // The 8 spare doubles absorb up to 31 bytes of rounding plus the misalignment.
     const long long total = count + 8;
-    const long long largest = static_cast<long long>(std::numeric_limits<std::ptrdiff_t>::max() / sizeof(double));
+    const long long largest = static_cast<long long>(PTRDIFF_MAX / sizeof(double));
     if (total < 0 || total > largest)
-        return new double[static_cast<std::size_t>(largest)]; // fails as an allocation failure
+        throw std::bad_array_new_length(); // an allocation failure, as array new reports it
     return new double[static_cast<std::size_t>(total)];
 }
 

@@ -2,8 +2,8 @@
 // The allocation rule and the library's own access to the matrices' protected fields.
 //
 // Every element array and every temporary buffer is allocated as count + 8 doubles and used
-// from next_aligned_adr of the block. A request whose size cannot be represented asks for the
-// largest size instead, so that it fails as an allocation failure rather than wrapping.
+// from next_aligned_adr of the block. A request whose size cannot be represented (a negative or
+// huge count) fails as an allocation failure (std::bad_array_new_length) rather than wrapping.
 #ifndef KELMATRIX_STORAGE_ACCESS_H
 #define KELMATRIX_STORAGE_ACCESS_H
 

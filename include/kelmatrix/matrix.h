@@ -17,7 +17,8 @@
 /// Returns the process-wide misalignment in bytes added to every aligned element pointer.
 KELMATRIX_API int kelmatrix_get_mkl_misalignment();
 
-/// Sets the misalignment in bytes (no range check; up to 33 keeps arrays inside their block).
+/// Sets the misalignment in bytes: a multiple of 8 (so doubles stay aligned), at most 32 to keep
+/// every array inside its block. Not range-checked.
 /// Affects only allocations made afterwards; not synchronised, so set it before creating
 /// matrices and before other threads run.
 KELMATRIX_API void kelmatrix_set_mkl_misalignment(int bytes);
