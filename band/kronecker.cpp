@@ -106,10 +106,12 @@ bool Solve_Kronecker(const KelMatrixBanded& A, const KelMatrixBanded& B, KelMatr
 
 namespace {
 
-// Row of block k's saved values in the ring buffer of w1 + 1 slots of q rows.
+// Row of block k's saved values in the ring buffer of w1 + 1 slots of q rows. An empty inner
+// factor (q = 0) has an empty ring and no rows to touch.
 inline int slot(int k, int w1, int q)
 {
-    return (k * q) % ((w1 + 1) * q);
+    const int ring_rows = (w1 + 1) * q;
+    return ring_rows > 0 ? (k * q) % ring_rows : 0;
 }
 
 // z_i = (x_i - sum_{k<i} U1(k,i) z_k) / U1(i,i) with z_k = U2^T y_k: the ring keeps z, the values

@@ -190,4 +190,18 @@ TEST(KroneckerSubstitute, NonPositiveWidthsTakeTheirDefaults)
     EXPECT_NE(run(false, 0, 0), run(false, p, q));
 }
 
+
+TEST(KroneckerSubstitute, AnEmptyInnerFactorLeavesNothingToDo)
+{
+    KelMatrix U1, U2, X;
+    U1.Dimension(2, 2, -1, -1);
+    U1.SetIdentity();
+    U2.Dimension(0, 0, -1, -1); // q = 0: X has no rows, and the ring buffer is empty
+    X.Dimension(0, 3, -1, -1);
+    kronecker_lower_substitute(1, 1, U1, U2, X);
+    kronecker_upper_substitute(1, 1, U1, U2, X);
+    EXPECT_EQ(X.GetRowDim(), 0);
+    EXPECT_EQ(X.GetColDim(), 3);
+}
+
 } // namespace
