@@ -29,7 +29,8 @@ KELMATRIX_API void Cholesky_subst(KelGenericMatrix& A, int bandWidth, KelMatrix&
 /// pivots become 0) and the upper triangle of A22 with U22; the lower triangle and A11 outside
 /// the band are neither read nor written. bandWidth is used as given (pass >= 1). Returns the
 /// count of accepted pivots of the m x m Schur complement only: the band block's count is not
-/// reported, so m = 0 returns 0, and m = n factors the whole matrix densely.
+/// reported, so m = 0 returns 0, and m = n factors the whole matrix densely. Temporary memory is
+/// O(nb (bandWidth + m) + m^2): A may be a user storage type holding only band and border.
 KELMATRIX_API int cyclic_Cholesky_factor(KelGenericMatrix& A, int bandWidth, int m, double tol);
 /// Solves A X = B in place in B (n rows, any number of columns) with the factor left by
 /// cyclic_Cholesky_factor (same bandWidth and m); A is read, not changed. Unknowns of dropped
