@@ -10,30 +10,16 @@
 // triangular band solve copy only for copyInputs == 1; the substitutions for any non-zero
 // value), a mix of int (info as LAPACK gives it) and bool results, and in-place work in arrays
 // passed const. On failure nothing is written back and X is left as it was.
-#include <cstring>
 
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"
 
 using kelmatrix::internal::AlignedBuffer;
+using kelmatrix::internal::copy_storage_from;
+using kelmatrix::internal::take_solution;
 
 namespace {
-
-// After success: A's storage from the working array (nothing to do when A's own array was used).
-void write_back(KelGenericMatrix& A, const double* a)
-{
-    if (a != A.GetElements() && A.GetStorageSize() > 0)
-        std::memcpy(A.GetElements(), a, sizeof(double) * A.GetStorageSize());
-}
-
-// After success: X := n x nrhs, then one copy of X's storage from the solution array.
-void take_solution(int n, int nrhs, const double* b, KelMatrix& X)
-{
-    X.Dimension(n, nrhs, -1, -1);
-    if (X.GetStorageSize() > 0)
-        std::memcpy(X.GetElements(), b, sizeof(double) * X.GetStorageSize());
-}
 
 long long count(int rows, int cols)
 {
@@ -53,7 +39,7 @@ int spdMatrixCholeskyFactorization(KelMatrix& A, int copyInputs)
 
     dpotrf(&uplo, &n, a, &lda, &info, 1);
     if (info == 0)
-        write_back(A, a);
+        copy_storage_from(A, a);
     return info;
 }
 
@@ -68,7 +54,7 @@ bool spdBandMatrixCholeskyFactorization(KelMatrixBanded& A, int copyInputs)
 
     dpbtrf(&uplo, &n, &kd, ab, &ldab, &info, 1);
     if (info == 0)
-        write_back(A, ab);
+        copy_storage_from(A, ab);
     return info == 0; // Deliberate: bool, where the dense factorization returns info
 }
 
@@ -84,7 +70,7 @@ int spdCholeskySubstitute(KelMatrix& U, KelMatrix& B, KelMatrix& X, int copyInpu
 
     dpotrs(&uplo, &n, &nrhs, U.GetElements(), &lda, b, &ldb, &info, 1);
     if (info == 0)
-        take_solution(n, nrhs, b, X);
+        take_solution(X, n, nrhs, b);
     return info;
 }
 
@@ -100,7 +86,7 @@ bool spdBandCholeskySubstitute(KelMatrixBanded& U, KelMatrix& B, KelMatrix& X, i
 
     dpbtrs(&uplo, &n, &kd, &nrhs, U.GetElements(), &ldab, b, &ldb, &info, 1);
     if (info == 0)
-        take_solution(n, nrhs, b, X);
+        take_solution(X, n, nrhs, b);
     return info == 0; // Deliberate: bool, where the dense substitution returns info
 }
 
@@ -116,7 +102,7 @@ int symmPositiveDefiniteInverse(KelMatrix& A, int copyInputs)
     dpotri(&uplo, &n, a, &lda, &info, 1);
     if (info != 0)
         return info; // no write-back, no mirroring
-    write_back(A, a);
+    copy_storage_from(A, a);
     // dpotri leaves the lower triangle alone; copying the upper one there makes the inverse
     // symmetric bit for bit.
     for (int j = 1; j < n; ++j)
@@ -142,6 +128,6 @@ int solveUpperTriangularBandSystem(const KelMatrixBanded& U, bool transpose, con
 
     dtbtrs(&uplo, &trans, &diag, &n, &kd, &nrhs, ab, &ldab, b, &ldb, &info, 1, 1, 1);
     if (info == 0)
-        take_solution(n, nrhs, b, X);
+        take_solution(X, n, nrhs, b);
     return info;
 }

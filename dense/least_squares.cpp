@@ -16,6 +16,7 @@
 #include "matrix/mkl_bindings.h"
 
 using kelmatrix::internal::AlignedBuffer;
+using kelmatrix::internal::take_solution;
 
 void kel_dgels(const char* trans, const int& m, const int& n, const int& nrhs, double* a,
                const int& lda, double* b, const int& ldb, double* work, const int& lwork,
@@ -82,9 +83,7 @@ bool MinNormLeastSquares(KelMatrix& A, KelMatrix& B, int* jpvt, double rcond, in
 
     // Deliberate: one block of n * nrhs doubles; with several right-hand sides and ldb > n the
     // rows n .. ldb-1 of each column are not skipped.
-    X.Dimension(n, nrhs, -1, -1);
-    if (X.GetStorageSize() > 0)
-        std::memcpy(X.GetElements(), b, sizeof(double) * X.GetStorageSize());
+    take_solution(X, n, nrhs, b);
     for (int k = 0; k < n; ++k)
         jpvt[k] -= 1; // 1-based column numbers to 0-based indices
     return true;

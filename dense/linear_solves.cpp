@@ -8,7 +8,6 @@
 // A then holds the factor and B the solution. On success X takes B's shape (not n x nrhs) and
 // receives the solution; on failure X is left as it was.
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 #include "kelmatrix/dense.h"
@@ -16,18 +15,7 @@
 #include "matrix/mkl_bindings.h"
 
 using kelmatrix::internal::AlignedBuffer;
-
-namespace {
-
-// X := B's shape, then one copy of X's storage from the driver's solution array.
-void take_solution(const KelMatrix& B, const double* solution, KelMatrix& X)
-{
-    X.Dimension(B.GetRowDim(), B.GetColDim(), -1, -1);
-    if (X.GetStorageSize() > 0)
-        std::memcpy(X.GetElements(), solution, sizeof(double) * X.GetStorageSize());
-}
-
-} // namespace
+using kelmatrix::internal::take_solution;
 
 bool Solve(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
 {
@@ -42,7 +30,7 @@ bool Solve(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
     dgesv(&n, &nrhs, a, &lda, ipiv.data(), b, &ldb, &info);
     if (info != 0)
         return false;
-    take_solution(B, b, X);
+    take_solution(X, B.GetRowDim(), B.GetColDim(), b);
     return true;
 }
 
@@ -62,7 +50,7 @@ bool Solve(const KelMatrixBanded& A, const KelMatrix& B, KelMatrix& X)
     dgbsv(&n, &kl, &ku, &nrhs, ab, &ldab, ipiv.data(), b, &ldb, &info);
     if (info != 0)
         return false;
-    take_solution(B, b, X);
+    take_solution(X, B.GetRowDim(), B.GetColDim(), b);
     return true;
 }
 
@@ -80,7 +68,7 @@ bool SolveSP(const KelMatrix& A, const KelMatrix& B, KelMatrix& X, int copyInput
     dposv(&uplo, &n, &nrhs, a, &lda, b, &ldb, &info, 1);
     if (info != 0)
         return false;
-    take_solution(B, b, X);
+    take_solution(X, B.GetRowDim(), B.GetColDim(), b);
     return true;
 }
 
@@ -101,6 +89,6 @@ bool SolveBSP(const KelMatrixBanded& A, const KelMatrix& B, KelMatrix& X, int co
     dpbsv(&uplo, &n, &kd, &nrhs, ab, &ldab, b, &ldb, &info, 1);
     if (info != 0)
         return false;
-    take_solution(B, b, X);
+    take_solution(X, B.GetRowDim(), B.GetColDim(), b);
     return true;
 }

@@ -8,23 +8,13 @@
 // copyInputs == 1, else dsyev works in A's own array, and writes into W and Z as the caller
 // dimensioned them. Deliberate, and kept: A is passed const yet destroyed on the in-place paths
 // (the allocation-saving route for callers done with A), and the two copy rules differ.
-#include <cstring>
 
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"
 
 using kelmatrix::internal::AlignedBuffer;
-
-namespace {
-
-void copy_into(KelGenericMatrix& M, const double* src)
-{
-    if (M.GetStorageSize() > 0)
-        std::memcpy(M.GetElements(), src, sizeof(double) * M.GetStorageSize());
-}
-
-} // namespace
+using kelmatrix::internal::copy_storage_from;
 
 bool EigenValuesS(const KelMatrix& A, double* eigenvalues, KelMatrix* Z, int copyInputs)
 {
@@ -50,7 +40,7 @@ bool EigenValuesS(const KelMatrix& A, double* eigenvalues, KelMatrix* Z, int cop
     dspev(&jobz, &uplo, &n, ap, eigenvalues, z, &ldz, work, &info, 1, 1);
     if (info == 0 && Z) {
         Z->Dimension(n, n, -1, -1);
-        copy_into(*Z, z);
+        copy_storage_from(*Z, z);
     }
     return info == 0;
 }
@@ -71,8 +61,8 @@ int spdmEigenproblem(const KelMatrix& A, KelMatrix& W, KelMatrix& Z, int copyInp
     dsyev(&jobz, &uplo, &n, a, &lda, w.data(), work.data(), &lwork, &info, 1, 1);
     if (info == 0) {
         // Deliberate: W (n x 1) and Z (n x n) keep the shapes the caller gave them.
-        copy_into(W, w.data());
-        copy_into(Z, a);
+        copy_storage_from(W, w.data());
+        copy_storage_from(Z, a);
     }
     return info;
 }

@@ -50,6 +50,21 @@ private:
     double* data_ = nullptr;
 };
 
+/// Copies m's storage count of doubles from src into m's array; nothing when src is m's own.
+inline void copy_storage_from(KelGenericMatrix& m, const double* src)
+{
+    if (src != m.GetElements() && m.GetStorageSize() > 0)
+        std::memcpy(m.GetElements(), src, sizeof(double) * m.GetStorageSize());
+}
+
+/// The wrappers' output step after success: X := rows x cols (band state kept), then one copy
+/// of X's storage from the routine's solution array.
+inline void take_solution(KelMatrix& X, int rows, int cols, const double* solution)
+{
+    X.Dimension(rows, cols, -1, -1);
+    copy_storage_from(X, solution);
+}
+
 } // namespace internal
 } // namespace kelmatrix
 
