@@ -27,21 +27,15 @@ using Result = std::vector<double>; // every output of a family, storage and ret
 
 const int kThreads = 8;
 
-void put(Result& r, const KelGenericMatrix& m)
+void add(Result& r, const KelGenericMatrix& m)
 {
     r.insert(r.end(), m.GetElements(), m.GetElements() + m.GetStorageSize());
 }
+void add(Result& r, double v) { r.push_back(v); }
+template <class T> void add(Result& r, const std::vector<T>& v) { r.insert(r.end(), v.begin(), v.end()); }
 
-void put(Result& r, double v) { r.push_back(v); }
-
-Dense symmetric(std::mt19937_64& rng, int n)
-{
-    Dense a = kt::random_dense(rng, n, n);
-    for (int j = 0; j < n; ++j)
-        for (int i = 0; i < j; ++i)
-            a(j, i) = a(i, j);
-    return a;
-}
+/// Appends return codes and outputs in order; the arguments are read after any call among them.
+template <class... T> void put(Result& r, const T&... outputs) { (add(r, outputs), ...); }
 
 } // namespace
 
@@ -67,166 +61,119 @@ extern "C" __attribute__((visibility("default"))) double drand48() noexcept
 
 namespace {
 
-// ---- one function per family: inputs from the seed, every output into the result ----
+// ---- one function per family: inputs from rng, every output into r ----
 
-Result products_and_general_solves(std::uint64_t seed)
+void products_and_general_solves(std::mt19937_64& rng, Result& r)
 {
-    std::mt19937_64 rng(seed);
     const int n = 48;
-    Result r;
     kt::KelOf A(kt::random_dense(rng, n, n)), B(kt::random_dense(rng, n, 5));
     KelMatrix C, X;
     ProductEx(0.5, A, B, true, false, 0.0, C);
-    put(r, C);
-    put(r, Solve(A, B, X));
-    put(r, X);
+    put(r, C, Solve(A, B, X), X);
     KelMatrixBanded G;
     G.Dimension(n, n, 3, 2);
     G.SetZero();
     for (int j = 0; j < n; ++j)
         for (int i = std::max(0, j - 2); i <= std::min(n - 1, j + 3); ++i)
             G(i, j) = A(i, j);
-    put(r, Solve(G, B, X));
-    put(r, X);
+    put(r, Solve(G, B, X), X);
     KelSparseVector v(n);
     v.setAllElements(n, B.GetElements());
     put(r, v.multiply(C.GetElements()));
-    return r;
 }
 
-Result spd_solves(std::uint64_t seed)
+void spd_solves(std::mt19937_64& rng, Result& r)
 {
-    std::mt19937_64 rng(seed);
     const int n = 56, kd = 4;
     const Dense a = kt::random_spd(rng, n, kd), b = kt::random_dense(rng, n, 3);
-    Result r;
     for (int copy : {1, 0}) {
-        kt::KelOf A(a), B(b);
-        KelMatrix X;
-        put(r, SolveSP(A, B, X, copy));
-        put(r, X);
-        put(r, A);
+        kt::KelOf A(a), B(b), Bb(b);
         KelMatrixBanded Ab;
         kt::to_band_upper(a, kd, Ab);
-        kt::to_kel(b, B);
-        put(r, SolveBSP(Ab, B, X, copy));
-        put(r, X);
-        put(r, Ab);
+        KelMatrix X, Xb;
+        put(r, SolveSP(A, B, X, copy), X, A);
+        put(r, SolveBSP(Ab, Bb, Xb, copy), Xb, Ab);
     }
-    return r;
 }
 
-Result cholesky_family(std::uint64_t seed)
+void cholesky_family(std::mt19937_64& rng, Result& r)
 {
-    std::mt19937_64 rng(seed);
     const int n = 40, kd = 3;
-    const Dense a = kt::random_spd(rng, n, n - 1), b = kt::random_dense(rng, n, 4);
-    Result r;
-    kt::KelOf U(a), B(b);
+    kt::KelOf U(kt::random_spd(rng, n, n - 1)), B(kt::random_dense(rng, n, 4));
     KelMatrix X, Y;
     put(r, spdMatrixCholeskyFactorization(U, 1));
-    put(r, spdCholeskySubstitute(U, B, X, 1));
-    put(r, X);
-    put(r, symmPositiveDefiniteInverse(U, 1));
-    put(r, U);
+    put(r, spdCholeskySubstitute(U, B, X, 1), X);
+    put(r, symmPositiveDefiniteInverse(U, 1), U);
     KelMatrixBanded Ub;
     kt::to_band_upper(kt::random_spd(rng, n, kd), kd, Ub);
     put(r, spdBandMatrixCholeskyFactorization(Ub, 1));
-    put(r, spdBandCholeskySubstitute(Ub, B, X, 1));
-    put(r, X);
-    put(r, solveUpperTriangularBandSystem(Ub, true, B, Y, 1));
-    put(r, Y);
-    return r;
+    put(r, spdBandCholeskySubstitute(Ub, B, X, 1), X);
+    put(r, solveUpperTriangularBandSystem(Ub, true, B, Y, 1), Y);
 }
 
-Result least_squares_and_eigen(std::uint64_t seed)
+void least_squares_and_eigen(std::mt19937_64& rng, Result& r)
 {
-    std::mt19937_64 rng(seed);
-    const int m = 50, n = 20;
-    const Dense a = kt::random_dense(rng, m, n), b = kt::random_dense(rng, m, 1);
-    Result r;
-    kt::KelOf A(a), B(b), X(Dense(n, 1));
-    put(r, SolveLS(A, B, X));
-    put(r, X);
+    const int m = 50, n = 20, k = 36;
+    kt::KelOf A(kt::random_dense(rng, m, n)), B(kt::random_dense(rng, m, 1)), X(Dense(n, 1));
+    put(r, SolveLS(A, B, X), X);
     std::vector<int> jpvt(n, 0);
     int rank = 0;
-    KelMatrix Xm;
-    put(r, MinNormLeastSquares(A, B, jpvt.data(), 1e-10, rank, Xm));
-    put(r, rank);
-    put(r, Xm);
-    r.insert(r.end(), jpvt.begin(), jpvt.end());
+    KelMatrix Xm, Z, W;
+    put(r, MinNormLeastSquares(A, B, jpvt.data(), 1e-10, rank, Xm), rank, Xm, jpvt);
 
-    const int k = 36;
-    kt::KelOf S(symmetric(rng, k));
-    KelMatrix Z, W;
+    kt::KelOf S(kt::random_spd(rng, k, k - 1));
     std::vector<double> lambda(k);
-    put(r, EigenValuesS(S, lambda.data(), &Z, 1));
-    r.insert(r.end(), lambda.begin(), lambda.end());
-    put(r, Z);
+    put(r, EigenValuesS(S, lambda.data(), &Z, 1), lambda, Z);
     W.Dimension(k, 1, -1, -1);
     Z.Dimension(k, k, -1, -1);
-    put(r, spdmEigenproblem(S, W, Z, 1));
-    put(r, W);
-    put(r, Z);
-    return r;
+    put(r, spdmEigenproblem(S, W, Z, 1), W, Z);
 }
 
-Result native_band_and_cyclic(std::uint64_t seed)
+void native_band_and_cyclic(std::mt19937_64& rng, Result& r)
 {
-    std::mt19937_64 rng(seed);
     const int n = 60, bw = 3, m = 2;
-    Result r;
     KelMatrixBanded A;
     kt::to_band_upper(kt::random_spd(rng, n, bw), bw, A);
     kt::KelOf B(kt::random_dense(rng, n, 3));
     put(r, Cholesky_factor(A, bw, 1e-12));
     Cholesky_subst(A, bw, B);
-    put(r, A);
-    put(r, B);
+    put(r, A, B);
 
-    Dense c = kt::random_spd(rng, n, bw);
-    for (int j = n - m; j < n; ++j) // a dense border, still diagonally dominant
-        for (int i = 0; i < j; ++i)
-            c(i, j) = c(j, i) = 0.01;
-    for (int i = 0; i < n; ++i)
-        c(i, i) += n * 0.01;
-    kt::KelOf C(c), Bc(kt::random_dense(rng, n, 2));
+    // Dense and diagonally dominant: its band and border part is too.
+    kt::KelOf C(kt::random_spd(rng, n, n - 1)), Bc(kt::random_dense(rng, n, 2));
     KelMatrix X;
-    put(r, SolveBSP_Cyclic(C, Bc, n - m, 2 * bw + 1, X));
-    put(r, X);
+    put(r, SolveBSP_Cyclic(C, Bc, n - m, 2 * bw + 1, X), X);
     put(r, cyclic_Cholesky_factor(C, bw, m, 1e-12));
     cyclic_Cholesky_subst(C, bw, m, Bc);
-    put(r, C);
-    put(r, Bc);
-    return r;
+    put(r, C, Bc);
 }
 
-Result kronecker(std::uint64_t seed)
+void kronecker(std::mt19937_64& rng, Result& r)
 {
-    std::mt19937_64 rng(seed);
     const int nA = 9, nB = 7, kd = 2;
-    const Dense a = kt::random_spd(rng, nA, kd), b = kt::random_spd(rng, nB, kd);
-    Result r;
     KelMatrixBanded A, B;
-    kt::to_band_upper(a, kd, A);
-    kt::to_band_upper(b, kd, B);
-    kt::KelOf X(kt::random_dense(rng, nB, 3 * nA));
-    put(r, Solve_Kronecker(A, B, X, true));
-    put(r, X);
-
-    Cholesky_factor(A, kd, 1e-12);
-    Cholesky_factor(B, kd, 1e-12);
-    kt::KelOf Y(kt::random_dense(rng, nA * nB, 2));
+    kt::to_band_upper(kt::random_spd(rng, nA, kd), kd, A);
+    kt::to_band_upper(kt::random_spd(rng, nB, kd), kd, B);
+    kt::KelOf X(kt::random_dense(rng, nB, 3 * nA)), Y(kt::random_dense(rng, nA * nB, 2));
+    put(r, Solve_Kronecker(A, B, X, true), X);
+    put(r, Cholesky_factor(A, kd, 1e-12));
+    put(r, Cholesky_factor(B, kd, 1e-12));
     kronecker_lower_substitute(kd, kd, A, B, Y);
     put(r, Y);
     kronecker_upper_substitute(kd, kd, A, B, Y);
     put(r, Y);
-    return r;
 }
 
 struct Family {
     const char* name;
-    Result (*run)(std::uint64_t);
+    void (*fill)(std::mt19937_64&, Result&);
+    Result run(std::uint64_t seed) const
+    {
+        std::mt19937_64 rng(seed);
+        Result r;
+        fill(rng, r);
+        return r;
+    }
 };
 
 const Family kFamilies[] = {{"products and general solves", products_and_general_solves},
@@ -283,44 +230,29 @@ TEST(Concurrency, EveryFamilyFromEightThreadsGivesTheSerialBits)
     }
 }
 
-// The 5-point Laplacian of a g x g grid, upper triangle, with a random positive diagonal shift.
-struct Grid {
-    int n = 0;
-    std::vector<int> ia, ja;
-    std::vector<double> a;
-};
-
-Grid grid(std::mt19937_64& rng, int g)
-{
-    std::uniform_real_distribution<double> shift(0.0, 1.0);
-    Grid s;
-    s.n = g * g;
-    s.ia.push_back(1);
-    for (int k = 0; k < s.n; ++k) {
-        s.ja.push_back(k + 1);
-        s.a.push_back(4.0 + shift(rng));
-        if (k % g + 1 < g) {
-            s.ja.push_back(k + 2);
-            s.a.push_back(-1.0);
-        }
-        if (k + g < s.n) {
-            s.ja.push_back(k + g + 1);
-            s.a.push_back(-1.0);
-        }
-        s.ia.push_back(int(s.ja.size()) + 1);
-    }
-    return s;
-}
-
-Result sparse_solve(Grid& s, std::uint64_t seed)
+// The 5-point Laplacian of a g x g grid (upper triangle, a random positive diagonal shift)
+// factored and solved: the return codes and the solution.
+Result sparse_solve(int g, std::uint64_t seed)
 {
     std::mt19937_64 rng(seed);
+    const int n = g * g;
+    std::vector<int> ia(1, 1), ja;
+    std::vector<double> a;
+    for (int k = 0; k < n; ++k) {
+        ja.push_back(k + 1);
+        a.push_back(4.0 + std::uniform_real_distribution<double>(0.0, 1.0)(rng));
+        for (int neighbour : {k % g + 1 < g ? k + 1 : -1, k + g < n ? k + g : -1})
+            if (neighbour >= 0) {
+                ja.push_back(neighbour + 1);
+                a.push_back(-1.0);
+            }
+        ia.push_back(int(ja.size()) + 1);
+    }
     Result r;
-    kt::KelOf B(kt::random_dense(rng, s.n, 5)), X(Dense(s.n, 5));
-    LSMsolver solver(s.n, s.ia.data(), s.ja.data(), s.a.data(), 2, 1);
+    kt::KelOf B(kt::random_dense(rng, n, 5)), X(Dense(n, 5));
+    LSMsolver solver(n, ia.data(), ja.data(), a.data(), 2, 1);
     put(r, solver.factor());
-    put(r, solver.solve(B, X));
-    put(r, X);
+    put(r, solver.solve(B, X), X);
     return r;
 }
 
@@ -329,18 +261,15 @@ TEST(Concurrency, SparseSolversInParallelOnceTheThreadCountIsDecided)
     SCOPED_TRACE(kt::seed_note());
     const int decided = LSMsolver::establish_numthreads(0); // from one thread, before the others
     ASSERT_GE(decided, 1);
-    std::vector<Grid> grids;
     std::vector<Result> want;
-    std::mt19937_64 rng(kt::seed());
     for (int t = 0; t < kThreads; ++t) {
-        grids.push_back(grid(rng, 10 + t));
-        want.push_back(sparse_solve(grids[t], kt::seed() + t));
+        want.push_back(sparse_solve(10 + t, kt::seed() + t));
         ASSERT_EQ(want[t][0], 1.0);
         ASSERT_EQ(want[t][1], 1.0);
     }
     for (int round = 0; round < 3; ++round) {
         std::vector<Result> got(kThreads);
-        on_threads([&](int t) { got[t] = sparse_solve(grids[t], kt::seed() + t); });
+        on_threads([&](int t) { got[t] = sparse_solve(10 + t, kt::seed() + t); });
         for (int t = 0; t < kThreads; ++t)
             EXPECT_TRUE(same_bits(got[t], want[t])) << "thread " << t << ", round " << round;
     }

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -44,22 +45,21 @@ struct DerivedKel : KelMatrix {};
 // The storages under test: dense plain / upper / lower, band kl = 0, band kl = 1 mirrored lower.
 enum Storage { kDense, kDenseUpper, kDenseLower, kBand, kBandLower, kStorages };
 
-void shape(KelGenericMatrix& m, Storage s, int n, int bw)
+/// An n x n zero matrix in storage s; the band ones hold upper width min(bw, n - 1).
+std::unique_ptr<KelGenericMatrix> make(Storage s, int n, int bw)
 {
-    m.SetSymmetric(s == kDenseUpper || s == kDenseLower || s == kBandLower);
+    std::unique_ptr<KelGenericMatrix> m(s >= kBand ? static_cast<KelGenericMatrix*>(new KelMatrixBanded)
+                                                   : new KelMatrix);
+    m->SetSymmetric(s == kDenseUpper || s == kDenseLower || s == kBandLower);
     if (s == kDenseLower || s == kBandLower)
-        m.SetUsesLower();
-    if (s == kBand)
-        m.Dimension(n, n, 0, std::min(bw, n - 1));
-    else if (s == kBandLower)
-        m.Dimension(n, n, 1, std::min(bw, n - 1));
-    else
-        m.Dimension(n, n, -1, -1);
-    m.SetZero();
+        m->SetUsesLower();
+    m->Dimension(n, n, s == kBand ? 0 : s == kBandLower ? 1 : -1, s >= kBand ? std::min(bw, n - 1) : -1);
+    m->SetZero();
+    return m;
 }
 
 // A twin in the same storage type with the same flags and bits.
-template <class M> void twin(M& src, M& dst)
+void twin(KelGenericMatrix& src, KelGenericMatrix& dst)
 {
     dst.SetSymmetric(src.SymmetricQ());
     if (src.UsesLowerQ())
@@ -86,64 +86,49 @@ void fill_band(KelGenericMatrix& A, int n, int bw, std::mt19937_64& rng)
             A(i, j) = u(rng);
         A(j, j) = 2.0 * bw + 1.0;
     }
-    for (int i = 0; i < n; ++i)
-        switch (pick(rng)) {
-        case 0:
-            A(i, i) = 1e-9;
-            break;
-        case 1:
-            for (int k = std::max(0, i - bw); k <= i; ++k)
-                A(k, i) = 0.0;
-            break;
-        case 2:
-            A(i, i) = kNaN;
-            break;
-        case 3:
-            A(i, i) = -1.0;
-            break;
-        default:
-            break;
-        }
-}
-
-void random_rhs(KelMatrix& B, int rows, int cols, std::mt19937_64& rng)
-{
-    B.Dimension(rows, cols, -1, -1);
-    kt::fill(B, kt::random_dense(rng, rows, cols));
-}
-
-template <class M>
-void factor_and_solve_agree(Storage s, int n, int bw, double tol, std::mt19937_64& rng)
-{
-    SCOPED_TRACE("storage " + std::to_string(s) + " n " + std::to_string(n) + " bw " +
-                 std::to_string(bw) + " tol " + std::to_string(tol));
-    M fast, slow;
-    shape(fast, s, n, bw);
-    fill_band(fast, n, bw, rng);
-    twin(fast, slow);
-    Forward generic(slow);
-    ASSERT_EQ(Cholesky_factor(fast, bw, tol), Cholesky_factor(generic, bw, tol));
-    ASSERT_TRUE(same_storage(fast, slow));
-
-    for (int nrhs : {1, 3, 19}) { // one column, a block of 2 + 1, blocks of 16 + 2 + 1
-        KelMatrix b;
-        random_rhs(b, n, nrhs, rng);
-        DerivedKel bg;
-        kt::to_kel(kt::from_kel(b), bg);
-        Cholesky_subst(fast, bw, b);
-        Cholesky_subst(generic, bw, bg);
-        EXPECT_TRUE(same_storage(b, bg)) << nrhs << " right-hand sides";
+    const double edge[] = {1e-9, 0.0, kNaN, -1.0}; // tiny, zero row, NaN, negative
+    for (int i = 0; i < n; ++i) {
+        const int kind = pick(rng);
+        for (int k = std::max(0, i - bw); kind == 1 && k < i; ++k)
+            A(k, i) = 0.0;
+        if (kind < 4)
+            A(i, i) = edge[kind];
     }
-    // A symmetric right-hand side: mirrored on both sides of its diagonal.
+}
+
+/// A random rows x cols right-hand side (symmetric: mirrored on both sides of its diagonal),
+/// once as a KelMatrix and once as a derived type, through subst(generic, b); bit for bit.
+template <class Subst>
+void rhs_agrees(int rows, int cols, bool symmetric, std::mt19937_64& rng, Subst subst)
+{
     KelMatrix b;
-    b.SetSymmetric(true);
-    random_rhs(b, n, n, rng);
     DerivedKel bg;
-    bg.SetSymmetric(true);
-    twin<KelMatrix>(b, bg);
-    Cholesky_subst(fast, bw, b);
-    Cholesky_subst(generic, bw, bg);
-    EXPECT_TRUE(same_storage(b, bg));
+    b.SetSymmetric(symmetric);
+    b.Dimension(rows, cols, -1, -1);
+    kt::fill(b, kt::random_dense(rng, rows, cols));
+    twin(b, bg);
+    subst(false, b);
+    subst(true, bg);
+    EXPECT_TRUE(same_storage(b, bg)) << cols << " right-hand sides, symmetric " << symmetric;
+}
+
+/// A random band matrix of width bw in storage s factored directly and through Forward, then
+/// each count of right-hand sides (and a symmetric n x n one if asked) through both factors.
+template <class Factor, class Subst>
+void routes_agree(Storage s, int n, int bw, std::initializer_list<int> rhs, bool symmetric_rhs,
+                  std::mt19937_64& rng, Factor factor, Subst subst)
+{
+    auto fast = make(s, n, bw), slow = make(s, n, bw);
+    fill_band(*fast, n, bw, rng);
+    twin(*fast, *slow);
+    Forward generic(*slow);
+    ASSERT_EQ(factor(*fast), factor(generic));
+    ASSERT_TRUE(same_storage(*fast, *slow));
+    auto both = [&](bool g, KelMatrix& b) { subst(g ? generic : *fast, b); };
+    for (int nrhs : rhs)
+        rhs_agrees(n, nrhs, false, rng, both);
+    if (symmetric_rhs)
+        rhs_agrees(n, n, true, rng, both);
 }
 
 TEST(FastRoute, BandCholeskyMatchesTheGenericRoute)
@@ -157,45 +142,17 @@ TEST(FastRoute, BandCholeskyMatchesTheGenericRoute)
     for (const auto& c : cases)
         for (double tol : {1e-3, 0.0, -1.0})
             for (int s = 0; s < kStorages; ++s) {
-                if (s == kBand || s == kBandLower)
-                    factor_and_solve_agree<KelMatrixBanded>(Storage(s), c[0], c[1], tol, rng);
-                else
-                    factor_and_solve_agree<KelMatrix>(Storage(s), c[0], c[1], tol, rng);
+                const int n = c[0], bw = c[1];
+                SCOPED_TRACE(testing::Message() << "storage " << s << " n " << n << " bw " << bw << " tol " << tol);
+                // Right-hand sides: one column, a block of 2 + 1, blocks of 16 + 2 + 1.
+                routes_agree(Storage(s), n, bw, {1, 3, 19}, true, rng,
+                             [&](KelGenericMatrix& A) { return Cholesky_factor(A, bw, tol); },
+                             [&](KelGenericMatrix& A, KelMatrix& b) { Cholesky_subst(A, bw, b); });
             }
-
     // Band storage narrower than the width used: the accessor's out-of-band addresses.
-    KelMatrixBanded narrow, narrow2;
-    shape(narrow, kBand, 12, 1);
-    fill_band(narrow, 12, 1, rng);
-    twin(narrow, narrow2);
-    Forward generic(narrow2);
-    EXPECT_EQ(Cholesky_factor(narrow, 2, 0.0), Cholesky_factor(generic, 2, 0.0));
-    EXPECT_TRUE(same_storage(narrow, narrow2));
-}
-
-template <class M>
-void cyclic_agrees(Storage s, int nb, int bw, int m, double tol, std::mt19937_64& rng)
-{
-    const int n = nb + m;
-    SCOPED_TRACE("storage " + std::to_string(s) + " nb " + std::to_string(nb) + " bw " +
-                 std::to_string(bw) + " m " + std::to_string(m) + " tol " + std::to_string(tol));
-    M fast, slow;
-    shape(fast, s, n, n - 1); // band storage holding the whole upper triangle
-    fill_band(fast, n, n - 1, rng);
-    twin(fast, slow);
-    Forward generic(slow);
-    ASSERT_EQ(cyclic_Cholesky_factor(fast, bw, m, tol),
-              cyclic_Cholesky_factor(generic, bw, m, tol));
-    ASSERT_TRUE(same_storage(fast, slow));
-    for (int nrhs : {1, 3}) {
-        KelMatrix b;
-        random_rhs(b, n, nrhs, rng);
-        DerivedKel bg;
-        kt::to_kel(kt::from_kel(b), bg);
-        cyclic_Cholesky_subst(fast, bw, m, b);
-        cyclic_Cholesky_subst(generic, bw, m, bg);
-        EXPECT_TRUE(same_storage(b, bg)) << nrhs << " right-hand sides";
-    }
+    routes_agree(kBand, 12, 1, {}, false, rng,
+                 [](KelGenericMatrix& A) { return Cholesky_factor(A, 2, 0.0); },
+                 [](KelGenericMatrix&, KelMatrix&) {});
 }
 
 TEST(FastRoute, CyclicCholeskyMatchesTheGenericRoute)
@@ -207,10 +164,13 @@ TEST(FastRoute, CyclicCholeskyMatchesTheGenericRoute)
     for (const auto& c : cases)
         for (double tol : {1e-3, 0.0})
             for (Storage s : {kDense, kDenseUpper, kDenseLower, kBand}) {
-                if (s == kBand)
-                    cyclic_agrees<KelMatrixBanded>(s, c[0], c[1], c[2], tol, rng);
-                else
-                    cyclic_agrees<KelMatrix>(s, c[0], c[1], c[2], tol, rng);
+                const int nb = c[0], bw = c[1], m = c[2], n = nb + m;
+                SCOPED_TRACE(testing::Message() << "storage " << s << " nb " << nb << " bw " << bw
+                                                << " m " << m << " tol " << tol);
+                // Band storage holding the whole upper triangle.
+                routes_agree(s, n, n - 1, {1, 3}, false, rng,
+                             [&](KelGenericMatrix& A) { return cyclic_Cholesky_factor(A, bw, m, tol); },
+                             [&](KelGenericMatrix& A, KelMatrix& b) { cyclic_Cholesky_subst(A, bw, m, b); });
             }
 }
 
@@ -220,27 +180,22 @@ TEST(FastRoute, KroneckerSubstitutionsMatchTheGenericRoute)
     SCOPED_TRACE(kt::seed_note());
     const int p = 7, q = 6, w1 = 2, w2 = 3;
     for (double tol : {1e-3, 0.0}) {
-        KelMatrixBanded U1, U1g;
-        KelMatrix U2, U2g;
-        shape(U1, kBand, p, w1);
-        fill_band(U1, p, w1, rng);
-        Cholesky_factor(U1, w1, tol);
-        twin(U1, U1g);
-        shape(U2, kDenseUpper, q, w2);
-        fill_band(U2, q, w2, rng);
-        Cholesky_factor(U2, w2, tol);
-        twin(U2, U2g);
-        Forward g1(U1g), g2(U2g);
-        KelMatrix x;
-        random_rhs(x, p * q, 3, rng);
-        DerivedKel xg;
-        kt::to_kel(kt::from_kel(x), xg);
-        kronecker_lower_substitute(w1, w2, U1, U2, x);
-        kronecker_lower_substitute(w1, w2, g1, g2, xg);
-        EXPECT_TRUE(same_storage(x, xg)) << "lower, tol " << tol;
-        kronecker_upper_substitute(w1, 0, U1, U2, x);
-        kronecker_upper_substitute(w1, 0, g1, g2, xg);
-        EXPECT_TRUE(same_storage(x, xg)) << "upper, tol " << tol;
+        SCOPED_TRACE(testing::Message() << "tol " << tol);
+        auto U1 = make(kBand, p, w1), U2 = make(kDenseUpper, q, w2);
+        auto U1g = make(kBand, p, w1), U2g = make(kDenseUpper, q, w2);
+        fill_band(*U1, p, w1, rng);
+        fill_band(*U2, q, w2, rng);
+        Cholesky_factor(*U1, w1, tol);
+        Cholesky_factor(*U2, w2, tol);
+        twin(*U1, *U1g);
+        twin(*U2, *U2g);
+        Forward g1(*U1g), g2(*U2g);
+        rhs_agrees(p * q, 3, false, rng, [&](bool g, KelMatrix& x) {
+            kronecker_lower_substitute(w1, w2, g ? g1 : *U1, g ? g2 : *U2, x);
+        });
+        rhs_agrees(p * q, 3, false, rng, [&](bool g, KelMatrix& x) {
+            kronecker_upper_substitute(w1, 0, g ? g1 : *U1, g ? g2 : *U2, x);
+        });
     }
 }
 
@@ -252,19 +207,12 @@ TEST(FastRoute, KroneckerTranspositionsMatchTheGenericRoute)
     KelMatrixBanded A, B, A2, B2;
     kt::to_band_upper(kt::random_spd(rng, nA, 2), 2, A);
     kt::to_band_upper(kt::random_spd(rng, nB, 3), 3, B);
-    for (bool copy : {true, false}) {
-        twin(A, A2);
-        twin(B, B2);
-        KelMatrix x;
-        random_rhs(x, nB, 2 * nA + 5, rng); // two groups and five trailing columns
-        DerivedKel xg;
-        kt::to_kel(kt::from_kel(x), xg);
-        ASSERT_TRUE(Solve_Kronecker(A2, B2, x, copy));
-        twin(A, A2);
-        twin(B, B2);
-        ASSERT_TRUE(Solve_Kronecker(A2, B2, xg, copy));
-        EXPECT_TRUE(same_storage(x, xg)) << "copy " << copy;
-    }
+    for (bool copy : {true, false}) // two groups and five trailing columns
+        rhs_agrees(nB, 2 * nA + 5, false, rng, [&](bool, KelMatrix& x) {
+            twin(A, A2);
+            twin(B, B2);
+            ASSERT_TRUE(Solve_Kronecker(A2, B2, x, copy)) << "copy " << copy;
+        });
 }
 
 } // namespace
