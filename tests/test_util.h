@@ -199,7 +199,7 @@ struct KelOf : KelMatrix {
 inline bool same_bits(const Dense& a, const Dense& b)
 {
     return a.rows == b.rows && a.cols == b.cols &&
-           std::memcmp(a.v.data(), b.v.data(), sizeof(double) * a.v.size()) == 0;
+           (a.v.empty() || std::memcmp(a.v.data(), b.v.data(), sizeof(double) * a.v.size()) == 0);
 }
 
 /// A user-derived storage type: elements in a std::map keyed by (i, j), shape set through the
