@@ -52,6 +52,21 @@ void make_border_block(KelMatrix& S, int m)
     S.SetZero();
 }
 
+// The two temporaries of the factorization and the solve, with direct views of their upper
+// triangles; both are released when the routine returns, on every path.
+struct Blocks {
+    KelMatrixBanded T;
+    KelMatrix S;
+    StridedView t, s;
+    Blocks(int nb, int bw, int width, int m)
+    {
+        make_band_block(T, nb, bw, width);
+        t = direct_access(T).side(true);
+        make_border_block(S, m);
+        s = direct_access(S).side(true);
+    }
+};
+
 // Deliberate: bw is used as given here, so bw = 0 copies only the diagonal of A11 and bw < 0
 // nothing; the band routines then treat the block as full (block_width).
 template <class M> void band_into(const StridedView& T, M& A, int nb, int bw)
@@ -196,12 +211,11 @@ int cyclic_Cholesky_factor(KelGenericMatrix& A, int bandWidth, int m, double tol
     const int bw = bandWidth; // Deliberate: as given, not resolved (see band_into)
     const int width = block_width(bw, nb);
 
-    KelMatrixBanded T;
-    make_band_block(T, nb, bw, width);
-    const StridedView t = direct_access(T).side(true);
-    KelMatrix S;
-    make_border_block(S, m);
-    const StridedView s = direct_access(S).side(true);
+    Blocks blocks(nb, bw, width, m);
+    KelMatrixBanded& T = blocks.T;
+    KelMatrix& S = blocks.S;
+    const StridedView& t = blocks.t;
+    const StridedView& s = blocks.s;
 
     if (has_direct_access(A)) {
         DirectAccess a = direct_access(A);
@@ -235,12 +249,11 @@ void cyclic_Cholesky_subst(KelGenericMatrix& A, int bandWidth, int m, KelMatrix&
     const int width = block_width(bw, nb);
     const int nrhs = B.GetColDim();
 
-    KelMatrixBanded T;
-    make_band_block(T, nb, bw, width);
-    const StridedView t = direct_access(T).side(true);
-    KelMatrix S;
-    make_border_block(S, m);
-    const StridedView s = direct_access(S).side(true);
+    Blocks blocks(nb, bw, width, m);
+    KelMatrixBanded& T = blocks.T;
+    KelMatrix& S = blocks.S;
+    const StridedView& t = blocks.t;
+    const StridedView& s = blocks.s;
 
     if (!has_direct_access(A)) {
         band_into(t, A, nb, bw);
