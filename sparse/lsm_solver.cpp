@@ -10,23 +10,31 @@
 // after a failed solve x may hold the groups that succeeded. Deliberate oddities: assignment
 // shares PARDISO's handle, the remaining group is solved even after a failed full group, and a
 // failed factorization keeps the state at 0 so that it can be retried.
+//
+// Opt-in additions: refactor() runs phase 22 on the held analysis; a failed one leaves state 1,
+// in which solve() refuses and clear() still releases. set_settings() rewrites only the iparm
+// entries it names. Every call that reaches PARDISO records its error and phase for
+// diagnostics().
 #include <algorithm>
 #include <cstring>
 
 #include "kelmatrix/sparse.h"
 #include "matrix/mkl_bindings.h"
+#include "sparse/pardiso_controls.h"
 #include "sparse/thread_policy.h"
 
 namespace {
 
 // PARDISO phases.
 constexpr int kPhaseAnalyzeFactor = 12; // analysis, then numerical factorization
+constexpr int kPhaseRefactor = 22;      // numerical factorization on the held analysis
 constexpr int kPhaseSolveRefine = 33;   // forward/backward solve with iterative refinement
 constexpr int kPhaseReleaseAll = -1;    // release all internal memory
 
 // Solver states.
 constexpr int kStateDefault = -1; // default-constructed
 constexpr int kStateReady = 0;    // initialized or cleared
+constexpr int kStateRefactorFailed = 1; // analysis held, factors lost: refactor() or clear()
 constexpr int kStateFactored = 2; // factored, not solved yet
 constexpr int kStateSolved = 3;   // solved at least once
 
@@ -41,9 +49,14 @@ constexpr int kParamCount = 64; // entries of iparm and of the handle pt
 
 LSMsolver::LSMsolver()
     : n(0), nrhs(0), ia(nullptr), ja(nullptr), a(nullptr),
-      mtype(LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE), state(kStateDefault)
+      mtype(LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE), state(kStateDefault), last_error(0),
+      last_phase(0)
 {
-    // iparm and pt stay unset: init() sets both before they can be used.
+    // init() sets both arrays before PARDISO can see them; they are filled here only so that
+    // settings() and diagnostics() read defined values before the first init().
+    std::fill(iparm, iparm + kParamCount, 0);
+    std::fill(pt, pt + kParamCount, nullptr);
+    kelmatrix::internal::apply_settings(LSMsolver_settings(), iparm);
 }
 
 LSMsolver::LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps)
@@ -53,7 +66,8 @@ LSMsolver::LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefine
 
 LSMsolver::LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps,
                      LSMsolver_mattype mtype)
-    : n(n), nrhs(nrhs), ia(ia), ja(ja), a(a), mtype(mtype), state(kStateReady)
+    : n(n), nrhs(nrhs), ia(ia), ja(ja), a(a), mtype(mtype), state(kStateReady), last_error(0),
+      last_phase(0)
 {
     init(n, ia, ja, a, nrhs, maxRefinementSteps, mtype);
 }
@@ -77,6 +91,8 @@ LSMsolver& LSMsolver::operator=(const LSMsolver& src)
     state = src.state;
     std::memcpy(iparm, src.iparm, sizeof iparm);
     std::memcpy(pt, src.pt, sizeof pt);
+    last_error = src.last_error;
+    last_phase = src.last_phase;
     return *this;
 }
 
@@ -104,6 +120,8 @@ bool LSMsolver::init(int n, int* ia, int* ja, double* a, int nrhs, int maxRefine
     iparm[9] = 13;                 // pivot perturbation 1e-13
 
     std::fill(pt, pt + kParamCount, nullptr); // a fresh handle: PARDISO requires all zeros
+    last_error = 0;
+    last_phase = 0;
     // Deliberate: the state is left as it was, so a default-constructed solver still needs
     // clear() before factor().
     return true;
@@ -118,6 +136,43 @@ bool LSMsolver::factor()
         return false; // Deliberate: still ready, so factor() may be retried
     state = kStateFactored;
     return true;
+}
+
+bool LSMsolver::refactor()
+{
+    if (state != kStateFactored && state != kStateSolved && state != kStateRefactorFailed)
+        return false;
+    double dummy = 0.0;
+    if (call_pardiso(kPhaseRefactor, nrhs, &dummy, &dummy) != 0) {
+        // PARDISO has overwritten the old factors in place: they must not be solved with, but
+        // the analysis and its memory are still held, so clear() releases them.
+        state = kStateRefactorFailed;
+        return false;
+    }
+    state = kStateFactored;
+    return true;
+}
+
+bool LSMsolver::set_settings(const LSMsolver_settings& settings)
+{
+    if (state > kStateReady || !kelmatrix::internal::settings_valid(settings))
+        return false; // a held analysis was made with the settings in force
+    kelmatrix::internal::apply_settings(settings, iparm);
+    return true;
+}
+
+LSMsolver_settings LSMsolver::settings() const
+{
+    return kelmatrix::internal::settings_in(iparm);
+}
+
+LSMsolver_diagnostics LSMsolver::diagnostics() const
+{
+    LSMsolver_diagnostics d;
+    d.error = last_error;
+    d.lastPhase = last_phase;
+    kelmatrix::internal::read_statistics(iparm, mtype, d);
+    return d;
 }
 
 bool LSMsolver::solve(KelMatrix& B, KelMatrix& X)
@@ -170,5 +225,7 @@ int LSMsolver::call_pardiso(int phase, int count, double* b, double* x)
     int error = 0;
     pardiso(pt, &kMaxfct, &kMnum, &matrix_type, &phase, &n, a, ia, ja, &perm, &count, iparm,
             &kMsglvl, b, x, &error);
+    last_error = error;
+    last_phase = phase;
     return error;
 }
