@@ -49,7 +49,7 @@ fuzz() {
     local seconds="${KELMATRIX_FUZZ_SECONDS:-60}" h
     cmake -S fuzz -B build/fuzz -DCMAKE_CXX_COMPILER=clang++ >/dev/null
     cmake --build build/fuzz -j "$jobs"
-    local harnesses=(containers sparse_vector band_cholesky cyclic kronecker)
+    local harnesses=(containers sparse_vector band_cholesky cyclic kronecker csr_check)
     for h in "${harnesses[@]}"; do
         mkdir -p "build/fuzz/corpus/$h" "build/fuzz/artifacts"
     done

@@ -68,7 +68,7 @@ LSMsolver_csr_check check_row_pointers(int n, const int* ia, int nnz, int base)
 
 /// Calls visit(row, col, value), 0-based, for every entry the built matrix receives, in input
 /// order: for the symmetric types the upper triangle (a full input's lower part is skipped
-/// unread, a lower one transposed), for the others the whole matrix (a triangle mirrored).
+/// values ignored, a lower one transposed), for the others the whole matrix (a triangle mirrored).
 template <class Visit>
 void each_target(const int* ia, const int* ja, const double* a, int base, int n,
                  LSMsolver_stored stored, bool symmetric, Visit&& visit)

@@ -148,7 +148,7 @@ struct LSMsolver_csr {
 /// Builds in out the arrays LSMsolver expects for mtype from compressed rows with indices
 /// starting at base (0 or 1): columns sorted, repeated entries summed (in their input order),
 /// for types 2 and -2 the upper triangle with every diagonal stored (0.0 where absent; a full
-/// input keeps its upper triangle and ignores the rest unread, a lower one is transposed), for
+/// input keeps its upper triangle and ignores the other values, a lower one is transposed), for
 /// types 1 and 11 the whole matrix (a triangle is mirrored). Returns the first structural
 /// problem of the input (out then unchanged) or, once built, LSMsolver_check_csr() of the
 /// result (non-finite values, a non-positive diagonal for type 2), which out then holds.
