@@ -292,7 +292,7 @@ void general_solves(Case& c)
 void spd_family(Case& c)
 {
     const int n = c.size(), nrhs = c.rhs_count(), copy = c.pick({0, 1, 2, -1});
-    const int copy_s = c.pick({0, 1, 2, -1}), copy_t = c.pick({1, 0, 2});
+    const int copy_s = c.pick({0, 1, 2, -1}), copy_t = c.pick({1, 0, 2, -1});
     const bool band = c.draw(0, 1), claims_lower = c.draw(0, 1);
     const int kd = band ? c.band_width(n) : n - 1;
     const Cond cond = c.cond(false);
@@ -448,7 +448,7 @@ void eigenproblems(Case& c)
     const int n = c.size(65); // the reduction's block crossovers lie at 32 and 64
     const Cond cond = c.cond(true);
     const bool packed = c.draw(0, 1), vectors = !packed || c.draw(0, 2) > 0;
-    const int copy = c.pick({0, 1, 2});
+    const int copy = c.pick({0, 1, 2, -1});
     const std::string name = packed ? "EigenValuesS" : "spdmEigenproblem";
     SCOPED_TRACE(kt::describe("cond", kCondName[int(cond)], "n", n, "routine", name, "vectors",
                               vectors, "copy", copy));

@@ -173,37 +173,6 @@ inline std::vector<double> snapshot(const KelGenericMatrix& m)
     return std::vector<double>(m.GetElements(), m.GetElements() + m.GetStorageSize());
 }
 
-/// X solving a X = b by Gaussian elimination with partial pivoting (a square and nonsingular).
-inline Dense solve_dense(Dense a, Dense b)
-{
-    const int n = a.rows;
-    for (int k = 0; k < n; ++k) {
-        int p = k;
-        for (int i = k + 1; i < n; ++i)
-            if (std::fabs(a(i, k)) > std::fabs(a(p, k)))
-                p = i;
-        for (int j = 0; j < n; ++j)
-            std::swap(a(k, j), a(p, j));
-        for (int j = 0; j < b.cols; ++j)
-            std::swap(b(k, j), b(p, j));
-        for (int i = k + 1; i < n; ++i) {
-            const double l = a(i, k) / a(k, k);
-            for (int j = k; j < n; ++j)
-                a(i, j) -= l * a(k, j);
-            for (int j = 0; j < b.cols; ++j)
-                b(i, j) -= l * b(k, j);
-        }
-    }
-    for (int j = 0; j < b.cols; ++j)
-        for (int i = n - 1; i >= 0; --i) {
-            double s = b(i, j);
-            for (int k = i + 1; k < n; ++k)
-                s -= a(i, k) * b(k, j);
-            b(i, j) = s / a(i, i);
-        }
-    return b;
-}
-
 /// a without row p (and without column p too when square is set).
 inline Dense remove_index(const Dense& a, int p, bool square)
 {
