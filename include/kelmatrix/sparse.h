@@ -57,8 +57,8 @@ enum LSMsolver_ordering : int {
 ///  - scalingAndMatching: unsymmetric (11) and symmetric indefinite (-2) matrices with zero or
 ///    tiny diagonal entries: KKT and saddle-point systems, circuit and chemical-process
 ///    matrices. It permutes large entries onto the diagonal before factoring, so far fewer
-///    pivots are perturbed. Not needed (and not used by PARDISO) for type 2; for type 1 it
-///    scales only.
+///    pivots are perturbed. Meant for types 11 and -2; a positive definite matrix (type 2)
+///    needs no pivoting help.
 ///  - pivotPerturbation: pivots smaller than 10^-p times the matrix norm are replaced by that
 ///    value. 13 suits types 1 and 11; 8 is PARDISO's own choice for -2. Smaller p perturbs more
 ///    pivots but keeps the factorization stable; refinement then repairs the solution.
