@@ -125,7 +125,8 @@ struct LSMsolver_csr_check {
 /// by entry: column in 1..n, strictly ascending (a repeat is reported as a duplicate), for types
 /// 2 and -2 no entry below the diagonal and, for type 2, a positive diagonal value, every value
 /// finite; at the end of a row, for types 2 and -2, that its diagonal was stored. Reads each
-/// entry at most once (O(n + nnz)), allocates nothing, writes nothing.
+/// entry at most once (O(n + nnz)), allocates nothing, writes nothing. Not checked: that a
+/// type-1 pattern is symmetric (that needs a transpose, hence memory).
 KELMATRIX_API LSMsolver_csr_check LSMsolver_check_csr(int n, const int* ia, const int* ja,
                                                       const double* a, int nnz,
                                                       LSMsolver_mattype mtype);
