@@ -47,14 +47,14 @@ valgrind_step() {
 
 fuzz() {
     local seconds="${KELMATRIX_FUZZ_SECONDS:-60}" h
-    cmake -S fuzz -B build/fuzz -DCMAKE_CXX_COMPILER=clang++ >/dev/null
-    cmake --build build/fuzz -j "$jobs"
+    cmake --preset fuzz >/dev/null
+    cmake --build --preset fuzz -j "$jobs"
     local harnesses=(containers sparse_vector band_cholesky cyclic kronecker csr_check)
     for h in "${harnesses[@]}"; do
         mkdir -p "build/fuzz/corpus/$h" "build/fuzz/artifacts"
     done
     printf '%s\n' "${harnesses[@]}" | xargs -P 2 -I{} sh -c \
-        "build/fuzz/fuzz_{} -max_total_time=$seconds -timeout=20 -print_final_stats=1 \
+        "build/fuzz/fuzz/fuzz_{} -max_total_time=$seconds -timeout=20 -print_final_stats=1 \
              -artifact_prefix=build/fuzz/artifacts/{}- build/fuzz/corpus/{} \
              > build/fuzz/{}.log 2>&1 || { echo 'fuzz FAILED: {}'; cat build/fuzz/{}.log; exit 255; }"
     printf '%-16s %14s %10s\n' harness executions "per second"

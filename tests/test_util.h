@@ -109,6 +109,16 @@ inline double residual_ratio(const Dense& a, const Dense& x, const Dense& b)
     return denom > 0.0 ? norm1(r) / denom : norm1(r);
 }
 
+/// Sets the process-wide misalignment for a scope and restores the earlier value however the
+/// scope ends (a failed ASSERT returns early).
+struct ScopedMisalignment {
+    const int saved = kelmatrix_get_mkl_misalignment();
+    explicit ScopedMisalignment(int bytes) { kelmatrix_set_mkl_misalignment(bytes); }
+    ~ScopedMisalignment() { kelmatrix_set_mkl_misalignment(saved); }
+    ScopedMisalignment(const ScopedMisalignment&) = delete;
+    ScopedMisalignment& operator=(const ScopedMisalignment&) = delete;
+};
+
 /// Copies a reference matrix into a library matrix through its accessor.
 inline void fill(KelGenericMatrix& m, const Dense& a)
 {
