@@ -266,6 +266,16 @@ TEST_F(LSMsolverTest, RefactorReusesTheAnalysisForNewValues)
     std::vector<double> x(b.v.size()), b_copy = b.v;
     std::uniform_real_distribution<double> jitter(0.0, 1.0);
 
+    // MKL's own count of the bytes its allocator holds: what PARDISO keeps for the analysis
+    // and factors must be given back by clear() even after a failed refactorization.
+    using MemStat = long long (*)(int*);
+    const auto mem_stat = reinterpret_cast<MemStat>(dlsym(RTLD_DEFAULT, "MKL_Mem_Stat"));
+    ASSERT_NE(mem_stat, nullptr);
+    auto mkl_bytes = [mem_stat] {
+        int buffers = 0;
+        return mem_stat(&buffers);
+    };
+    const long long base = mkl_bytes();
     LSMsolver s(A.n, work.ia.data(), work.ja.data(), work.a.data(), 2, 2);
     EXPECT_FALSE(s.refactor()); // ready, nothing factored
     ASSERT_TRUE(s.factor() && s.solve(2, b_copy.data(), x.data()));
@@ -300,7 +310,10 @@ TEST_F(LSMsolverTest, RefactorReusesTheAnalysisForNewValues)
     for (int i = 0; i < A.n; ++i)
         work.a[A.ia[i] - 1] = i == 0 ? -50.0 : work.a[A.ia[i] - 1];
     EXPECT_FALSE(s.refactor());
-    EXPECT_TRUE(s.clear()); // releases what the failed refactorization left (ASan: no leak)
+    const long long held = mkl_bytes() - base;
+    EXPECT_GT(held, 0);
+    EXPECT_TRUE(s.clear());
+    EXPECT_LT(mkl_bytes() - base, held / 2) << held; // the factors were released
     EXPECT_FALSE(s.refactor() || s.solve(2, b_copy.data(), x.data()));
     EXPECT_EQ(phases(), (std::vector<int>{22, 22, 33, 22, -1}));
 }

@@ -57,8 +57,8 @@ enum LSMsolver_ordering : int {
 ///  - scalingAndMatching: unsymmetric (11) and symmetric indefinite (-2) matrices with zero or
 ///    tiny diagonal entries: KKT and saddle-point systems, circuit and chemical-process
 ///    matrices. It permutes large entries onto the diagonal before factoring, so far fewer
-///    pivots are perturbed. Not needed (and not used by PARDISO) for type 2; for type 1 it
-///    scales only.
+///    pivots are perturbed. Meant for types 11 and -2; a positive definite matrix (type 2)
+///    needs no pivoting help.
 ///  - pivotPerturbation: pivots smaller than 10^-p times the matrix norm are replaced by that
 ///    value. 13 suits types 1 and 11; 8 is PARDISO's own choice for -2. Smaller p perturbs more
 ///    pivots but keeps the factorization stable; refinement then repairs the solution.
@@ -125,7 +125,8 @@ struct LSMsolver_csr_check {
 /// by entry: column in 1..n, strictly ascending (a repeat is reported as a duplicate), for types
 /// 2 and -2 no entry below the diagonal and, for type 2, a positive diagonal value, every value
 /// finite; at the end of a row, for types 2 and -2, that its diagonal was stored. Reads each
-/// entry at most once (O(n + nnz)), allocates nothing, writes nothing.
+/// entry at most once (O(n + nnz)), allocates nothing, writes nothing. Not checked: that a
+/// type-1 pattern is symmetric (that needs a transpose, hence memory).
 KELMATRIX_API LSMsolver_csr_check LSMsolver_check_csr(int n, const int* ia, const int* ja,
                                                       const double* a, int nnz,
                                                       LSMsolver_mattype mtype);
@@ -195,6 +196,10 @@ public:
     /// Solves count right-hand sides of length n stored one after another in b into x (n*count
     /// doubles each; nothing is checked). b is not modified. False before factor() or on a
     /// PARDISO error (x may then hold the batches that succeeded).
+    /// Batching is PARDISO's matter: its first solve with nrhs > 1 after a factorization pays
+    /// a one-off set-up, small batches (8) are no faster than single calls on one thread, large
+    /// ones (32) are; iterative refinement (maxRefinementSteps > 0) makes every solve several
+    /// times dearer and pays only when pivots were perturbed.
     bool solve(int count, double* b, double* x);
     /// Numerical refactorization with the values now in the borrowed a (same ia, ja, n and
     /// type), reusing the analysis of factor(): PARDISO phase 22 on the same handle, with the
