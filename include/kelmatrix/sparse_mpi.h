@@ -33,8 +33,9 @@
 //    ranks of one communicator);
 //  - the engine has no minimum-degree ordering: set_settings() refuses
 //    LSM_ORDERING_MINIMUM_DEGREE;
-//  - diagnostics(): the memory figures are this rank's own (the point of distributing); the
-//    error is the agreed one; the pivot and refinement counts are the engine's, alike on all ranks;
+//  - diagnostics(): the memory figures are this rank's own (the point of distributing), but on a
+//    single rank the engine leaves them unreliable (read from unset memory); the error is the
+//    agreed one; the pivot and refinement counts are the engine's, alike on all ranks;
 //  - a true result means the engine reported no error. With more than one rank, a type-2 matrix
 //    that is not positive definite can factor without an error and give non-finite solutions
 //    (LSMsolver reports -4 there): check the residual, or use type -2 when definiteness is not
