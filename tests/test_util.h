@@ -306,14 +306,14 @@ inline Dense orthonormal(std::mt19937_64& rng, int rows, int cols)
     return q;
 }
 
-/// ||B - A X||_1 / ((||A||_1 ||X||_1 + ||B||_1) max(m, n) eps): the normwise backward error of a
-/// consistent system, A and B both perturbed. A rank-revealing least-squares solver truncates
-/// singular values at rounding level, so its residual scales with ||B|| (or the vector that made
-/// B), which the minimum-norm ||X|| alone can fall far short of.
-inline double backward_error_ratio(const Dense& a, const Dense& x, const Dense& b)
+/// ||B - A X||_1 / (||A||_1 max(||X||_1, ||X0||_1) max(m, n) eps) for a consistent system
+/// B = A X0. A rank-revealing least-squares solver drops singular values at rounding level, which
+/// leaves a residual of about eps ||A|| ||X0||; the minimum-norm X, X0's projection on A's row
+/// space, can be far shorter than X0, so dividing by ||X|| alone overstates the residual.
+inline double consistent_ratio(const Dense& a, const Dense& x, const Dense& b, const Dense& x0)
 {
     const double eps = std::numeric_limits<double>::epsilon();
-    const double denom = (norm1(a) * norm1(x) + norm1(b)) * std::max(a.rows, a.cols) * eps;
+    const double denom = norm1(a) * std::max(norm1(x), norm1(x0)) * std::max(a.rows, a.cols) * eps;
     const double r = norm1(minus(b, multiply(a, x)));
     return denom > 0.0 ? r / denom : r;
 }
