@@ -26,6 +26,7 @@
 #include "band/ordered_ops.h"
 #include "kelmatrix/band.h"
 #include "matrix/aligned_buffer.h"
+#include "checks/checks.h"
 
 namespace kelmatrix {
 namespace internal {
@@ -564,6 +565,7 @@ bool columns_walk_together(KelGenericMatrix& U, int n, int bw, int rowOffset, in
 
 int Cholesky_factor(KelGenericMatrix& A, int bandWidth, double tol)
 {
+    KELMATRIX_CHECK(band_cholesky("Cholesky_factor", A, bandWidth, nullptr));
     return factor_band(A, A.GetRowDim(), resolve_band_width(A, bandWidth), tol);
 }
 
@@ -587,6 +589,7 @@ void Cholesky_backward_subst(KelGenericMatrix& U, int rowOffset, int column, int
 
 void Cholesky_subst(KelGenericMatrix& A, int bandWidth, KelMatrix& B)
 {
+    KELMATRIX_CHECK(band_cholesky("Cholesky_subst", A, bandWidth, &B));
     // Each column is completed, forward then backward, before the next is begun. Columns that
     // share no storage with each other or with A may instead go through each pass together.
     const int n = A.GetRowDim(), bw = resolve_band_width(A, bandWidth), nrhs = B.GetColDim();

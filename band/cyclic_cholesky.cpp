@@ -18,6 +18,7 @@
 #include "band/direct_access.h"
 #include "band/ordered_ops.h"
 #include "kelmatrix/band.h"
+#include "checks/checks.h"
 
 using namespace kelmatrix::internal;
 
@@ -206,6 +207,7 @@ void solve_columns_in_order(M& A, KelGenericMatrix& B, KelMatrixBanded& T, KelMa
 
 int cyclic_Cholesky_factor(KelGenericMatrix& A, int bandWidth, int m, double tol)
 {
+    KELMATRIX_CHECK(cyclic_cholesky("cyclic_Cholesky_factor", A, bandWidth, m, nullptr));
     const int n = A.GetRowDim();
     const int nb = n - m;
     const int bw = bandWidth; // Deliberate: as given, not resolved (see band_into)
@@ -244,6 +246,7 @@ int cyclic_Cholesky_factor(KelGenericMatrix& A, int bandWidth, int m, double tol
 
 void cyclic_Cholesky_subst(KelGenericMatrix& A, int bandWidth, int m, KelMatrix& B)
 {
+    KELMATRIX_CHECK(cyclic_cholesky("cyclic_Cholesky_subst", A, bandWidth, m, &B));
     const int nb = A.GetRowDim() - m;
     const int bw = bandWidth; // as given, exactly as in the factorization
     const int width = block_width(bw, nb);

@@ -14,6 +14,7 @@
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"
+#include "checks/checks.h"
 
 using kelmatrix::internal::AlignedBuffer;
 using kelmatrix::internal::take_solution;
@@ -22,11 +23,13 @@ void kel_dgels(const char* trans, const int& m, const int& n, const int& nrhs, d
                const int& lda, double* b, const int& ldb, double* work, const int& lwork,
                int& info)
 {
+    KELMATRIX_CHECK(dgels_arguments(trans, m, n, nrhs, a, lda, b, ldb, work, lwork));
     dgels(trans, &m, &n, &nrhs, a, &lda, b, &ldb, work, &lwork, &info, 1);
 }
 
 bool SolveLS(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
 {
+    KELMATRIX_CHECK(least_squares(A, B, X));
     const char trans = 'N';
     // Deliberate: nrhs is X's column count; the caller dimensions X and it is never changed.
     int m = A.GetRowDim(), n = A.GetColDim(), nrhs = X.GetColDim();
@@ -55,6 +58,7 @@ bool SolveLS(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
 bool MinNormLeastSquares(KelMatrix& A, KelMatrix& B, int* jpvt, double rcond, int& rank,
                          KelMatrix& X)
 {
+    KELMATRIX_CHECK(min_norm_least_squares(A, B, jpvt, X));
     int m = A.GetRowDim(), n = A.GetColDim(), nrhs = B.GetColDim();
     int lda = m, ldb = n >= m ? n : m, info = 0;
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "storage_access.h"
+#include "checks/checks.h"
 
 using kelmatrix::internal::StorageAccess;
 
@@ -16,6 +17,7 @@ KelMatrixBanded::~KelMatrixBanded() = default;
 
 double& KelMatrixBanded::operator()(int i, int j)
 {
+    KELMATRIX_CHECK(band_element("KelMatrixBanded::operator()", *this, i, j));
     if (symmetric && (usesLower ? j > i : i > j))
         std::swap(i, j);
     const long long kl = lowerBandWidth, ku = upperBandWidth;
@@ -24,6 +26,7 @@ double& KelMatrixBanded::operator()(int i, int j)
 
 double KelMatrixBanded::operator()(int i, int j) const
 {
+    KELMATRIX_CHECK(band_element("KelMatrixBanded::operator()", *this, i, j));
     if (symmetric && (usesLower ? j > i : i > j))
         std::swap(i, j);
     const long long kl = lowerBandWidth, ku = upperBandWidth;
@@ -32,6 +35,7 @@ double KelMatrixBanded::operator()(int i, int j) const
 
 void KelMatrixBanded::Dimension(int rows, int cols, int kl, int ku)
 {
+    KELMATRIX_CHECK(band_dimension(rows, cols, kl, ku));
     // The row count does not enter the size; symmetric and triangular are kept.
     storageSize = static_cast<int>(static_cast<unsigned>(2 * kl + ku + 1) * static_cast<unsigned>(cols));
     StorageAccess::replace_block(*this, storageSize);

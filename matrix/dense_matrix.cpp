@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "storage_access.h"
+#include "checks/checks.h"
 
 using kelmatrix::internal::StorageAccess;
 
@@ -35,6 +36,7 @@ KelMatrix::~KelMatrix() = default;
 
 double& KelMatrix::operator()(int i, int j)
 {
+    KELMATRIX_CHECK(element("KelMatrix::operator()", *this, i, j));
     if (symmetric && (usesLower ? j > i : i > j))
         std::swap(i, j);
     return elements[static_cast<long long>(rowDim) * j + i];
@@ -42,6 +44,7 @@ double& KelMatrix::operator()(int i, int j)
 
 double KelMatrix::operator()(int i, int j) const
 {
+    KELMATRIX_CHECK(element("KelMatrix::operator()", *this, i, j));
     if (symmetric && (usesLower ? j > i : i > j))
         std::swap(i, j);
     return elements[static_cast<long long>(rowDim) * j + i];
@@ -49,6 +52,7 @@ double KelMatrix::operator()(int i, int j) const
 
 KelMatrix& KelMatrix::operator=(const KelMatrix& src)
 {
+    KELMATRIX_CHECK(assignment(*this, src));
     // Deliberate: no self-assignment guard, as the interface documents.
     StorageAccess::copy_shape_and_flags(*this, src);
     StorageAccess::replace_block(*this, storageSize);
@@ -59,6 +63,7 @@ KelMatrix& KelMatrix::operator=(const KelMatrix& src)
 
 KelMatrix& KelMatrix::operator=(const KelMatrixPacked& src)
 {
+    KELMATRIX_CHECK(from_packed(src));
     const KelGenericMatrix& s = src; // only the base fields and the const accessor are used
     StorageAccess::copy_shape_and_flags(*this, s);
     // Deliberate: the previous block is not released.
@@ -78,6 +83,7 @@ KelMatrix& KelMatrix::operator=(const KelMatrixPacked& src)
 
 KelMatrix& KelMatrix::operator=(const KelMatrixBanded& src)
 {
+    KELMATRIX_CHECK(from_band(src));
     const KelGenericMatrix& s = src;
     StorageAccess::copy_shape_and_flags(*this, s);
     // Deliberate: the previous block is not released.

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "storage_access.h"
+#include "checks/checks.h"
 
 namespace {
 int mklMisalignment = 0; // bytes; not synchronised: set it before matrices are created
@@ -24,6 +25,7 @@ int kelmatrix_get_mkl_misalignment()
 
 void kelmatrix_set_mkl_misalignment(int bytes)
 {
+    KELMATRIX_CHECK(misalignment(bytes));
     mklMisalignment = bytes;
 }
 
@@ -82,6 +84,7 @@ KelGenericMatrix& KelGenericMatrix::operator=(const KelGenericMatrix& src)
 
 void KelGenericMatrix::Dimension(int rows, int cols, int kl, int ku)
 {
+    KELMATRIX_CHECK(dimension("KelGenericMatrix::Dimension", rows, cols));
     // 32-bit product, wrapping as the int arithmetic of the interface does.
     storageSize = static_cast<int>(static_cast<unsigned>(rows) * static_cast<unsigned>(cols));
     StorageAccess::replace_block(*this, storageSize); // never reused, even at the same size

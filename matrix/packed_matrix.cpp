@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "storage_access.h"
+#include "checks/checks.h"
 
 using kelmatrix::internal::StorageAccess;
 
@@ -32,16 +33,19 @@ KelMatrixPacked::~KelMatrixPacked() = default;
 
 double& KelMatrixPacked::operator()(int i, int j)
 {
+    KELMATRIX_CHECK(packed_element("KelMatrixPacked::operator()", *this, i, j));
     return elements[packed_index(i, j, rowDim, usesLower)];
 }
 
 double KelMatrixPacked::operator()(int i, int j) const
 {
+    KELMATRIX_CHECK(packed_element("KelMatrixPacked::operator()", *this, i, j));
     return elements[packed_index(i, j, rowDim, usesLower)];
 }
 
 void KelMatrixPacked::Dimension(int rows, int cols, int kl, int ku)
 {
+    KELMATRIX_CHECK(packed_dimension(rows, cols));
     storageSize = static_cast<int>(static_cast<long long>(rows) * (rows + 1) / 2);
     StorageAccess::replace_block(*this, storageSize);
     rowDim = rows;
