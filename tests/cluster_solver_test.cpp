@@ -212,8 +212,9 @@ TEST_F(LSMclusterSolverTest, DiagnosticsAreAgreedAndMemoryIsPerRank)
     EXPECT_EQ(d.lastPhase, 12);
     // On a single rank the engine reads its memory figures from unset memory (they change with
     // glibc's MALLOC_PERTURB_, and come out negative under AddressSanitizer): checked on two.
-    if (g_ranks > 1)
+    if (g_ranks > 1) {
         EXPECT_GT(d.peakFactorMemoryKB, 0);
+    }
     int pivots[2] = {d.perturbedPivots, -d.perturbedPivots};
     MPI_Allreduce(MPI_IN_PLACE, pivots, 2, MPI_INT, MPI_MIN, MPI_COMM_WORLD);
     EXPECT_EQ(pivots[0], -pivots[1]); // the same count on every rank
