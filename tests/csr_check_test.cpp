@@ -40,116 +40,67 @@ Rows valid()
     return {3, {1, 3, 5, 6}, {1, 2, 2, 3, 3}, {4, 1, 5, 2, 6}};
 }
 
+// Each case is valid() with one entry of ia, ja or a replaced (field 'i', 'j', 'a'; 0: none), or
+// rows of its own.
 TEST(CsrCheck, EachRuleIsReportedWithItsRowAndPosition)
 {
     const double inf = std::numeric_limits<double>::infinity();
     struct Case {
         const char* what;
-        Rows rows;
         LSMsolver_mattype mtype;
         LSMsolver_csr_problem code;
         int row, position;
+        char field;
+        int index;
+        double value;
+        Rows rows = valid();
     };
     const Case cases[] = {
-        {"valid SPD", valid(), kSpd, LSM_CSR_OK, 0, 0},
-        {"valid unsymmetric", valid(), kUns, LSM_CSR_OK, 0, 0},
-        {"unknown type", valid(), static_cast<LSMsolver_mattype>(3), LSM_CSR_BAD_MATRIX_TYPE, 0, 0},
-        {"n = 0", {0, {1}, {}, {}}, kSpd, LSM_CSR_ORDER_BELOW_ONE, 0, 0},
-        {"0-based",
-         {3, {0, 2, 4, 5}, {0, 1, 1, 2, 2}, {4, 1, 5, 2, 6}},
-         kSpd,
-         LSM_CSR_NOT_ONE_BASED,
-         0,
-         0},
-        {"row pointers decrease",
-         {3, {1, 3, 2, 6}, {1, 2, 2, 3, 3}, {4, 1, 5, 2, 6}},
-         kSpd,
-         LSM_CSR_ROW_POINTERS_DECREASE,
-         2,
-         0},
-        {"ia[n] != nnz + 1",
-         {3, {1, 3, 5, 5}, {1, 2, 2, 3, 3}, {4, 1, 5, 2, 6}},
-         kSpd,
-         LSM_CSR_ROW_POINTERS_END,
-         3,
-         0},
-        {"column 4 of 3",
-         {3, {1, 3, 5, 6}, {1, 2, 2, 4, 3}, {4, 1, 5, 2, 6}},
-         kSpd,
-         LSM_CSR_COLUMN_OUT_OF_RANGE,
-         2,
-         4},
-        {"column 0",
-         {3, {1, 3, 5, 6}, {1, 2, 2, 3, 0}, {4, 1, 5, 2, 6}},
-         kUns,
-         LSM_CSR_COLUMN_OUT_OF_RANGE,
-         3,
-         5},
-        {"repeated column",
-         {3, {1, 3, 5, 6}, {1, 1, 2, 3, 3}, {4, 1, 5, 2, 6}},
-         kSpd,
-         LSM_CSR_DUPLICATE_COLUMN,
-         1,
-         2},
-        {"descending columns",
-         {3, {1, 3, 5, 6}, {1, 2, 3, 2, 3}, {4, 1, 5, 2, 6}},
-         kUns,
-         LSM_CSR_COLUMNS_NOT_ASCENDING,
-         2,
-         4},
-        {"lower entry",
-         {3, {1, 3, 5, 6}, {1, 2, 1, 2, 3}, {4, 1, 1, 5, 6}},
-         kInd,
-         LSM_CSR_BELOW_DIAGONAL,
-         2,
-         3},
+        {"valid SPD", kSpd, LSM_CSR_OK, 0, 0, 0, 0, 0},
+        {"valid unsymmetric", kUns, LSM_CSR_OK, 0, 0, 0, 0, 0},
+        {"unknown type", LSMsolver_mattype(3), LSM_CSR_BAD_MATRIX_TYPE, 0, 0, 0, 0, 0},
+        {"n = 0", kSpd, LSM_CSR_ORDER_BELOW_ONE, 0, 0, 0, 0, 0, {0, {1}, {}, {}}},
+        {"0-based", kSpd, LSM_CSR_NOT_ONE_BASED, 0, 0, 'i', 0, 0},
+        {"row pointers decrease", kSpd, LSM_CSR_ROW_POINTERS_DECREASE, 2, 0, 'i', 2, 2},
+        {"ia[n] != nnz + 1", kSpd, LSM_CSR_ROW_POINTERS_END, 3, 0, 'i', 3, 5},
+        {"column 4 of 3", kSpd, LSM_CSR_COLUMN_OUT_OF_RANGE, 2, 4, 'j', 3, 4},
+        {"column 0", kUns, LSM_CSR_COLUMN_OUT_OF_RANGE, 3, 5, 'j', 4, 0},
+        {"repeated column", kSpd, LSM_CSR_DUPLICATE_COLUMN, 1, 2, 'j', 1, 1},
+        {"descending columns", kUns, LSM_CSR_COLUMNS_NOT_ASCENDING, 1, 2, 'j', 0, 3},
+        {"lower entry", kInd, LSM_CSR_BELOW_DIAGONAL, 2, 3, 'j', 2, 1},
         {"missing diagonal",
-         {3, {1, 3, 4, 5}, {1, 2, 3, 3}, {4, 1, 2, 6}},
          kInd,
          LSM_CSR_MISSING_DIAGONAL,
          2,
-         3},
+         3,
+         0,
+         0,
+         0,
+         {3, {1, 3, 4, 5}, {1, 2, 3, 3}, {4, 1, 2, 6}}},
         {"empty last row",
-         {3, {1, 3, 5, 5}, {1, 2, 2, 3}, {4, 1, 5, 2}},
          kSpd,
          LSM_CSR_MISSING_DIAGONAL,
          3,
-         5},
-        {"zero SPD diagonal",
-         {3, {1, 3, 5, 6}, {1, 2, 2, 3, 3}, {4, 1, 0, 2, 6}},
-         kSpd,
-         LSM_CSR_NONPOSITIVE_DIAGONAL,
-         2,
-         3},
-        {"NaN",
-         {3, {1, 3, 5, 6}, {1, 2, 2, 3, 3}, {4, 1, 5, std::nan(""), 6}},
-         kUns,
-         LSM_CSR_NOT_FINITE,
-         2,
-         4},
-        {"infinite diagonal",
-         {3, {1, 3, 5, 6}, {1, 2, 2, 3, 3}, {4, 1, 5, 2, -inf}},
-         kSpd,
-         LSM_CSR_NOT_FINITE,
-         3,
-         5},
+         5,
+         0,
+         0,
+         0,
+         {3, {1, 3, 5, 5}, {1, 2, 2, 3}, {4, 1, 5, 2}}},
+        {"zero SPD diagonal", kSpd, LSM_CSR_NONPOSITIVE_DIAGONAL, 2, 3, 'a', 2, 0.0},
+        {"NaN", kUns, LSM_CSR_NOT_FINITE, 2, 4, 'a', 3, std::nan("")},
+        {"infinite diagonal", kSpd, LSM_CSR_NOT_FINITE, 3, 5, 'a', 4, -inf},
         // Lower entries and missing diagonals are allowed for the unsymmetric types.
-        {"lower, unsymmetric",
-         {3, {1, 3, 4, 5}, {1, 2, 1, 3}, {4, 1, 1, 6}},
-         kUns,
-         LSM_CSR_OK,
-         0,
-         0},
-        {"negative diagonal, indefinite",
-         {3, {1, 3, 5, 6}, {1, 2, 2, 3, 3}, {4, 1, -5, 2, 6}},
-         kInd,
-         LSM_CSR_OK,
-         0,
-         0},
+        {"lower, unsymmetric", kUns, LSM_CSR_OK, 0, 0, 'j', 2, 1},
+        {"negative diagonal, indefinite", kInd, LSM_CSR_OK, 0, 0, 'a', 2, -5.0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        const LSMsolver_csr_check r = c.rows.check(c.mtype);
+        Rows rows = c.rows;
+        if (c.field == 'i' || c.field == 'j')
+            (c.field == 'i' ? rows.ia : rows.ja)[c.index] = static_cast<int>(c.value);
+        else if (c.field == 'a')
+            rows.a[c.index] = c.value;
+        const LSMsolver_csr_check r = rows.check(c.mtype);
         EXPECT_EQ(r.code, c.code);
         EXPECT_EQ(r.row, c.row);
         EXPECT_EQ(r.position, c.position);
@@ -217,21 +168,15 @@ TEST(CsrPrepare, EveryInputFormDescribesTheSameMatrix)
     // Rejected input leaves the output as it was; a built one is checked for the type.
     LSMsolver_csr out;
     out.n = 7;
-    EXPECT_EQ(LSMsolver_prepare_csr(4, upper.ia.data(), upper.ja.data(), upper.a.data(), 0,
-                                    LSM_STORED_LOWER, kInd, out)
-                  .code,
-              LSM_CSR_OUTSIDE_TRIANGLE);
-    EXPECT_EQ(LSMsolver_prepare_csr(4, upper.ia.data(), upper.ja.data(), upper.a.data(), 2,
-                                    LSM_STORED_UPPER, kInd, out)
-                  .code,
-              LSM_CSR_BAD_BASE);
-    EXPECT_EQ(LSMsolver_prepare_csr(4, upper.ia.data(), upper.ja.data(), upper.a.data(), 1,
-                                    LSM_STORED_UPPER, kInd, out)
-                  .code,
-              LSM_CSR_NOT_ONE_BASED); // 0-based rows declared 1-based
+    const auto prepare = [&](int base, LSMsolver_stored stored, LSMsolver_mattype mtype) {
+        return LSMsolver_prepare_csr(4, upper.ia.data(), upper.ja.data(), upper.a.data(), base,
+                                     stored, mtype, out);
+    };
+    EXPECT_EQ(prepare(0, LSM_STORED_LOWER, kInd).code, LSM_CSR_OUTSIDE_TRIANGLE);
+    EXPECT_EQ(prepare(2, LSM_STORED_UPPER, kInd).code, LSM_CSR_BAD_BASE);
+    EXPECT_EQ(prepare(1, LSM_STORED_UPPER, kInd).code, LSM_CSR_NOT_ONE_BASED); // 0-based rows
     EXPECT_EQ(out.n, 7);
-    const LSMsolver_csr_check spd = LSMsolver_prepare_csr(
-        4, upper.ia.data(), upper.ja.data(), upper.a.data(), 0, LSM_STORED_UPPER, kSpd, out);
+    const LSMsolver_csr_check spd = prepare(0, LSM_STORED_UPPER, kSpd);
     EXPECT_EQ(spd.code, LSM_CSR_NONPOSITIVE_DIAGONAL); // the zero put at (3,3)
     EXPECT_EQ(spd.row, 4);
     EXPECT_EQ(out.n, 4);

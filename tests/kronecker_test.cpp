@@ -190,7 +190,6 @@ TEST(KroneckerSubstitute, NonPositiveWidthsTakeTheirDefaults)
     EXPECT_NE(run(false, 0, 0), run(false, p, q));
 }
 
-
 TEST(KroneckerSubstitute, AnEmptyInnerFactorLeavesNothingToDo)
 {
     KelMatrix U1, U2, X;
