@@ -1,5 +1,6 @@
 // KELMATRIX compressed-row input checks
-// LSMsolver_check_csr: the first broken rule of compressed rows, before they reach PARDISO;
+// LSMsolver_check_csr: the first broken rule of compressed rows, before they reach PARDISO, for
+// the whole matrix or (LSMsolver_check_csr_rows) one block of its rows;
 // LSMsolver_prepare_csr: the arrays PARDISO expects, built from 0- or 1-based rows holding the
 // full matrix or one triangle.
 //
@@ -17,26 +18,29 @@
 
 namespace {
 
+const char* const kRules[] = {
+    "no problem",
+    "the matrix type is not 1, 2, -2 or 11",
+    "the order n must be at least 1 and nnz not negative",
+    "ia, or ja and a with nnz > 0, is a null pointer",
+    "ia[0] must equal the index base (1 for LSMsolver)",
+    "row pointers must not decrease",
+    "ia[n] must equal nnz + 1",
+    "column index outside 1..n",
+    "column index repeated within a row",
+    "column indices must ascend within each row",
+    "symmetric types take the upper triangle only: entry below the diagonal",
+    "symmetric types need every diagonal entry stored (0.0 where absent)",
+    "a positive definite matrix needs positive diagonal values",
+    "value is infinite or NaN",
+    "base must be 0 or 1",
+    "entry outside the stated triangle",
+    "the block of rows must lie within 1..n and hold at least one row",
+};
+constexpr int kRuleCount = static_cast<int>(sizeof kRules / sizeof kRules[0]);
+
 LSMsolver_csr_check problem(LSMsolver_csr_problem code, int row, int position)
 {
-    static const char* const kRules[] = {
-        "no problem",
-        "the matrix type is not 1, 2, -2 or 11",
-        "the order n must be at least 1 and nnz not negative",
-        "ia, or ja and a with nnz > 0, is a null pointer",
-        "ia[0] must equal the index base (1 for LSMsolver)",
-        "row pointers must not decrease",
-        "ia[n] must equal nnz + 1",
-        "column index outside 1..n",
-        "column index repeated within a row",
-        "column indices must ascend within each row",
-        "symmetric types take the upper triangle only: entry below the diagonal",
-        "symmetric types need every diagonal entry stored (0.0 where absent)",
-        "a positive definite matrix needs positive diagonal values",
-        "value is infinite or NaN",
-        "base must be 0 or 1",
-        "entry outside the stated triangle",
-    };
     return {code, row, position, kRules[code]};
 }
 
@@ -52,17 +56,18 @@ bool symmetric_type(int mtype)
     return mtype == LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE || mtype == LSM_REAL_SYMMETRIC_INDEFINITE;
 }
 
-/// The row pointers of rows with indices from base: first base, never decreasing, last
-/// nnz + base. Rows and positions reported 1-based.
-LSMsolver_csr_check check_row_pointers(int n, const int* ia, int nnz, int base)
+/// The row pointers of `rows` rows with indices from base: first base, never decreasing, last
+/// nnz + base. Rows reported 1-based, counted from first_row (the block's first global row).
+LSMsolver_csr_check check_row_pointers(int rows, const int* ia, int nnz, int base,
+                                       int first_row = 1)
 {
     if (ia[0] != base)
         return problem(LSM_CSR_NOT_ONE_BASED, 0, 0);
-    for (int i = 1; i <= n; ++i)
+    for (int i = 1; i <= rows; ++i)
         if (ia[i] < ia[i - 1])
-            return problem(LSM_CSR_ROW_POINTERS_DECREASE, i, 0);
-    if (static_cast<long long>(ia[n]) != static_cast<long long>(nnz) + base)
-        return problem(LSM_CSR_ROW_POINTERS_END, n, 0);
+            return problem(LSM_CSR_ROW_POINTERS_DECREASE, first_row - 1 + i, 0);
+    if (static_cast<long long>(ia[rows]) != static_cast<long long>(nnz) + base)
+        return problem(LSM_CSR_ROW_POINTERS_END, first_row - 1 + rows, 0);
     return problem(LSM_CSR_OK, 0, 0);
 }
 
@@ -90,27 +95,44 @@ void each_target(const int* ia, const int* ja, const double* a, int base, int n,
 
 } // namespace
 
+const char* LSMsolver_csr_rule(LSMsolver_csr_problem code)
+{
+    return code >= 0 && code < kRuleCount ? kRules[code] : "unknown problem";
+}
+
 LSMsolver_csr_check LSMsolver_check_csr(int n, const int* ia, const int* ja, const double* a,
                                         int nnz, LSMsolver_mattype mtype)
+{
+    return LSMsolver_check_csr_rows(n, 1, n, ia, ja, a, nnz, mtype); // the whole matrix
+}
+
+LSMsolver_csr_check LSMsolver_check_csr_rows(int n, int firstRow, int lastRow, const int* ia,
+                                             const int* ja, const double* a, int nnz,
+                                             LSMsolver_mattype mtype)
 {
     if (!known_type(mtype))
         return problem(LSM_CSR_BAD_MATRIX_TYPE, 0, 0);
     if (n < 1 || nnz < 0)
         return problem(LSM_CSR_ORDER_BELOW_ONE, 0, 0);
+    if (firstRow < 1 || lastRow > n || lastRow < firstRow) // never for the whole matrix
+        return problem(LSM_CSR_BAD_ROW_RANGE, 0, 0);
     if (ia == nullptr || (nnz > 0 && (ja == nullptr || a == nullptr)))
         return problem(LSM_CSR_NULL_ARRAY, 0, 0);
-    const LSMsolver_csr_check pointers = check_row_pointers(n, ia, nnz, 1);
+    const LSMsolver_csr_check pointers =
+        check_row_pointers(lastRow - firstRow + 1, ia, nnz, 1, firstRow);
     if (pointers.code != LSM_CSR_OK)
         return pointers;
 
+    // ia is indexed by the block's own rows, columns and reported rows are global.
     const bool symmetric = symmetric_type(mtype);
-    for (int row = 1; row <= n; ++row) {
+    for (int row = firstRow; row <= lastRow; ++row) {
+        const int start = ia[row - firstRow], end = ia[row - firstRow + 1];
         bool diagonal_seen = false;
-        for (int p = ia[row - 1]; p < ia[row]; ++p) {
+        for (int p = start; p < end; ++p) {
             const int col = ja[p - 1];
             if (col < 1 || col > n)
                 return problem(LSM_CSR_COLUMN_OUT_OF_RANGE, row, p);
-            if (p > ia[row - 1] && col <= ja[p - 2])
+            if (p > start && col <= ja[p - 2])
                 return problem(col == ja[p - 2] ? LSM_CSR_DUPLICATE_COLUMN
                                                 : LSM_CSR_COLUMNS_NOT_ASCENDING,
                                row, p);
@@ -126,7 +148,7 @@ LSMsolver_csr_check LSMsolver_check_csr(int n, const int* ia, const int* ja, con
             }
         }
         if (symmetric && !diagonal_seen) // where the diagonal belongs: first in its row
-            return problem(LSM_CSR_MISSING_DIAGONAL, row, ia[row - 1]);
+            return problem(LSM_CSR_MISSING_DIAGONAL, row, start);
     }
     return problem(LSM_CSR_OK, 0, 0);
 }

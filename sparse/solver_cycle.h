@@ -49,11 +49,28 @@ inline bool holds_factorization(int state)
     return state > kStateReady;
 }
 
+// Which calls each state allows; the steps below refuse the others without reaching the engine.
+// A solver over several processes asks these first, so that all of them refuse together.
+inline bool may_factor(int state)
+{
+    return state == kStateReady;
+}
+
+inline bool may_refactor(int state)
+{
+    return state == kStateFactored || state == kStateSolved || state == kStateRefactorFailed;
+}
+
+inline bool may_solve(int state)
+{
+    return state == kStateFactored || state == kStateSolved;
+}
+
 // The phases without right-hand sides still hand the engine the solver's nrhs, as it was given.
 
 template <class Call> bool factor_step(int& state, int nrhs, Call&& call)
 {
-    if (state != kStateReady)
+    if (!may_factor(state))
         return false;
     double dummy = 0.0;
     if (call(kPhaseAnalyzeFactor, nrhs, &dummy, &dummy) != 0)
@@ -64,7 +81,7 @@ template <class Call> bool factor_step(int& state, int nrhs, Call&& call)
 
 template <class Call> bool refactor_step(int& state, int nrhs, Call&& call)
 {
-    if (state != kStateFactored && state != kStateSolved && state != kStateRefactorFailed)
+    if (!may_refactor(state))
         return false;
     double dummy = 0.0;
     if (call(kPhaseRefactor, nrhs, &dummy, &dummy) != 0) {
@@ -75,11 +92,6 @@ template <class Call> bool refactor_step(int& state, int nrhs, Call&& call)
     }
     state = kStateFactored;
     return true;
-}
-
-inline bool may_solve(int state)
-{
-    return state == kStateFactored || state == kStateSolved;
 }
 
 /// count right-hand sides of `stride` doubles each, one after another in b and x, solved in

@@ -106,7 +106,8 @@ enum LSMsolver_csr_problem : int {
     LSM_CSR_NONPOSITIVE_DIAGONAL,  ///< a diagonal value <= 0 for type 2
     LSM_CSR_NOT_FINITE,            ///< an infinite or NaN value
     LSM_CSR_BAD_BASE,              ///< LSMsolver_prepare_csr(): base is neither 0 nor 1
-    LSM_CSR_OUTSIDE_TRIANGLE       ///< LSMsolver_prepare_csr(): an entry outside the stated triangle
+    LSM_CSR_OUTSIDE_TRIANGLE,      ///< LSMsolver_prepare_csr(): an entry outside the stated triangle
+    LSM_CSR_BAD_ROW_RANGE          ///< LSMsolver_check_csr_rows(): rows not within 1..n, or none
 };
 
 /// The result of a check: the code, where (1-based row and 1-based position in ja/a; 0 where
@@ -130,6 +131,22 @@ struct LSMsolver_csr_check {
 KELMATRIX_API LSMsolver_csr_check LSMsolver_check_csr(int n, const int* ia, const int* ja,
                                                       const double* a, int nnz,
                                                       LSMsolver_mattype mtype);
+
+/// The same checks for one contiguous block of rows firstRow..lastRow (1-based, inclusive) of an
+/// n x n matrix, as a distributed solver takes them from each process: ia holds
+/// lastRow - firstRow + 2 entries with ia[0] == 1, ja the global 1-based column indices, and for
+/// types 2 and -2 the block's part of the upper triangle (the diagonal of row r is column r).
+/// Rows are reported by their global number, positions 1-based into this block's ja and a. A
+/// block that does not lie within 1..n or holds no row is LSM_CSR_BAD_ROW_RANGE, checked after
+/// the type and sizes. For firstRow = 1 and lastRow = n it is LSMsolver_check_csr().
+KELMATRIX_API LSMsolver_csr_check LSMsolver_check_csr_rows(int n, int firstRow, int lastRow,
+                                                           const int* ia, const int* ja,
+                                                           const double* a, int nnz,
+                                                           LSMsolver_mattype mtype);
+
+/// The rule a problem code stands for: the same fixed text as LSMsolver_csr_check::message
+/// ("unknown problem" for a value outside LSMsolver_csr_problem); never null.
+KELMATRIX_API const char* LSMsolver_csr_rule(LSMsolver_csr_problem code);
 
 /// Which part of the matrix compressed rows hold, for LSMsolver_prepare_csr().
 enum LSMsolver_stored : int {
