@@ -11,19 +11,18 @@ void ProductEx(double alpha, const KelMatrix& A, const KelMatrix& B, bool transA
                double beta, KelMatrix& C)
 {
     if (beta == 0.0)
-        C.Dimension(transA ? A.GetColDim() : A.GetRowDim(),
-                    transB ? B.GetRowDim() : B.GetColDim(), -1, -1);
+        C.Dimension(transA ? A.GetColDim() : A.GetRowDim(), transB ? B.GetRowDim() : B.GetColDim(),
+                    -1, -1);
     const int ldc = C.GetRowDim();
 
-    const char* transa = transA ? "T" : "N";
-    const char* transb = transB ? "T" : "N";
+    const char transa = transA ? 'T' : 'N', transb = transB ? 'T' : 'N';
     const int m = transA ? A.GetColDim() : A.GetRowDim();
     const int n = transB ? B.GetRowDim() : B.GetColDim();
     const int k = transA ? A.GetRowDim() : A.GetColDim();
     const int lda = A.GetRowDim(), ldb = B.GetRowDim();
 
-    dgemm(transa, transb, &m, &n, &k, &alpha, A.GetElements(), &lda, B.GetElements(), &ldb, &beta,
-          C.GetElements(), &ldc, 1, 1);
+    dgemm(&transa, &transb, &m, &n, &k, &alpha, A.GetElements(), &lda, B.GetElements(), &ldb, &beta,
+          C.GetElements(), &ldc, kCharLen, kCharLen);
 }
 
 void Product(const KelMatrix& A, const KelMatrix& B, bool transA, bool transB, KelMatrix& C)
@@ -35,5 +34,5 @@ void kel_dgemm(const char* transa, const char* transb, const int& m, const int& 
                const double& alpha, const double* a, const int& lda, const double* b,
                const int& ldb, const double& beta, double* c, const int& ldc)
 {
-    dgemm(transa, transb, &m, &n, &k, &alpha, a, &lda, b, &ldb, &beta, c, &ldc, 1, 1);
+    dgemm(transa, transb, &m, &n, &k, &alpha, a, &lda, b, &ldb, &beta, c, &ldc, kCharLen, kCharLen);
 }
