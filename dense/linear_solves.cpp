@@ -6,7 +6,8 @@
 // copy for any non-zero copyInputs; with 0 the driver works in A's and B's own arrays, through
 // the const references (deliberate: the allocation-free path for callers done with A and B), so
 // A then holds the factor and B the solution. On success X takes B's shape (not n x nrhs) and
-// receives the solution; on failure X is left as it was.
+// receives the solution; on failure X is left as it was. X may be B itself: with copyInputs = 0
+// the solution is then in X's own old block, which is released only after the copy.
 #include <algorithm>
 #include <vector>
 

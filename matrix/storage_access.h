@@ -7,6 +7,7 @@
 #ifndef KELMATRIX_STORAGE_ACCESS_H
 #define KELMATRIX_STORAGE_ACCESS_H
 
+#include <cstdint>
 #include <utility>
 
 #include "kelmatrix/matrix.h"
@@ -70,6 +71,26 @@ struct StorageAccess {
     {
         m.rawStorage = allocate_block(count);
         m.elements = next_aligned_adr(m.rawStorage);
+    }
+
+    /// Whether the array p starts inside the block m allocated, the one m's next Dimension
+    /// releases. An element array starts within the 8 spare doubles at the head of its block
+    /// (next_aligned_adr moves it by at most 31 + 32 bytes) and blocks never overlap, so this
+    /// holds for m's own array, a shallow copy's and a Swap partner's, and for no other array.
+    static bool starts_in_block(const KelGenericMatrix& m, const double* p)
+    {
+        const auto block = reinterpret_cast<std::uintptr_t>(m.rawStorage);
+        const auto at = reinterpret_cast<std::uintptr_t>(p);
+        return m.rawStorage != nullptr && at >= block && at < block + 8 * sizeof(double);
+    }
+
+    /// Takes m's block away from it: m's next Dimension then allocates without releasing it,
+    /// and the caller releases the returned block (delete[]).
+    static double* take_block(KelGenericMatrix& m)
+    {
+        double* raw = m.rawStorage;
+        m.rawStorage = nullptr;
+        return raw;
     }
 
     /// Releases m's block, then attaches a fresh one of count + 8 doubles.
