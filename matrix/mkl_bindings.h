@@ -75,8 +75,8 @@ void pardiso(void* pt, const int* maxfct, const int* mnum, const int* mtype, con
 // Fortran handle (MPI_Comm_c2f), before the error. Resolved through MKL's BLACS layer for the MPI.
 void cluster_sparse_solver(void* pt, const int* maxfct, const int* mnum, const int* mtype,
                            const int* phase, const int* n, const void* a, const int* ia,
-                           const int* ja, int* perm, const int* nrhs, int* iparm,
-                           const int* msglvl, void* b, void* x, const int* comm, int* error);
+                           const int* ja, int* perm, const int* nrhs, int* iparm, const int* msglvl,
+                           void* b, void* x, const int* comm, int* error);
 
 // MKL's by-reference thread-count entry (the count passed by address).
 void mkl_set_num_threads(const int* nt);
