@@ -51,8 +51,10 @@ target_link_libraries(kelmatrix_mpi
   PRIVATE MKL::MKL $<BUILD_INTERFACE:kelmatrix_warnings>
           "-Wl,--push-state,--no-as-needed" ${MKL_BLACS_LIBRARY} "-Wl,--pop-state")
 target_link_options(kelmatrix_mpi PRIVATE -Wl,--no-undefined)
+# Installed beside libkelmatrix, it finds it there ($ORIGIN) whatever the prefix: an executable's
+# run path does not reach a library's own dependencies.
 set_target_properties(kelmatrix_mpi PROPERTIES
-  CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+  CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON INSTALL_RPATH "$ORIGIN"
   VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
   EXPORT_NAME kelmatrix_mpi)
 

@@ -16,8 +16,7 @@ void ProductEx(double alpha, const KelMatrix& A, const KelMatrix& B, bool transA
                double beta, KelMatrix& C)
 {
     KELMATRIX_CHECK(product("ProductEx", A, B, transA, transB, beta, C));
-    const char* transa = transA ? "T" : "N";
-    const char* transb = transB ? "T" : "N";
+    const char transa = transA ? 'T' : 'N', transb = transB ? 'T' : 'N';
     const int m = transA ? A.GetColDim() : A.GetRowDim();
     const int n = transB ? B.GetRowDim() : B.GetColDim();
     const int k = transA ? A.GetRowDim() : A.GetColDim();
@@ -32,7 +31,8 @@ void ProductEx(double alpha, const KelMatrix& A, const KelMatrix& B, bool transA
         C.Dimension(m, n, -1, -1);
     const int ldc = C.GetRowDim();
 
-    dgemm(transa, transb, &m, &n, &k, &alpha, a, &lda, b, &ldb, &beta, C.GetElements(), &ldc, 1, 1);
+    dgemm(&transa, &transb, &m, &n, &k, &alpha, a, &lda, b, &ldb, &beta, C.GetElements(), &ldc,
+          kCharLen, kCharLen);
 }
 
 void Product(const KelMatrix& A, const KelMatrix& B, bool transA, bool transB, KelMatrix& C)
@@ -46,5 +46,5 @@ void kel_dgemm(const char* transa, const char* transb, const int& m, const int& 
                const int& ldb, const double& beta, double* c, const int& ldc)
 {
     KELMATRIX_CHECK(dgemm_arguments(transa, transb, m, n, k, a, lda, b, ldb, c, ldc));
-    dgemm(transa, transb, &m, &n, &k, &alpha, a, &lda, b, &ldb, &beta, c, &ldc, 1, 1);
+    dgemm(transa, transb, &m, &n, &k, &alpha, a, &lda, b, &ldb, &beta, c, &ldc, kCharLen, kCharLen);
 }

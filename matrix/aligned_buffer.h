@@ -32,12 +32,13 @@ public:
         return data_;
     }
 
-    /// A buffer of count doubles holding the first m.GetStorageSize() doubles of m. The block is
-    /// never smaller than the copy, so a matrix stored wider than the routine reads it (a band
-    /// with kl > 0 handed to an upper-band routine) gives a wrong answer, not a heap overrun.
-    double* copy_of(const KelGenericMatrix& m, long long count)
+    /// A buffer of max(min_count, m.GetStorageSize()) doubles holding m's stored doubles first.
+    /// min_count is what the routine reads; the block never ends before the copy does, so a
+    /// matrix stored wider than the routine reads it (a band with kl > 0 handed to an upper-band
+    /// routine) gives a wrong answer, not a heap overrun.
+    double* copy_of_at_least(const KelGenericMatrix& m, long long min_count)
     {
-        allocate(count > m.GetStorageSize() ? count : m.GetStorageSize());
+        allocate(min_count > m.GetStorageSize() ? min_count : m.GetStorageSize());
         if (m.GetStorageSize() > 0)
             std::memcpy(data_, m.GetElements(), sizeof(double) * m.GetStorageSize());
         return data_;

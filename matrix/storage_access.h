@@ -8,6 +8,7 @@
 #define KELMATRIX_STORAGE_ACCESS_H
 
 #include <cstdint>
+#include <utility>
 
 #include "kelmatrix/matrix.h"
 
@@ -21,6 +22,35 @@ struct StorageAccess {
     static bool banded(const KelGenericMatrix& m) { return m.banded; }
     static bool symmetric(const KelGenericMatrix& m) { return m.symmetric; }
     static bool uses_lower(const KelGenericMatrix& m) { return m.usesLower; }
+
+    /// Offset of element (i, j) in a column-major block with leading dimension ld whose row 0
+    /// starts first doubles into each column, after mirroring (i, j) into the stored triangle
+    /// when m is symmetric (usesLower names that triangle).
+    static long long mirrored_offset(const KelGenericMatrix& m, int i, int j, long long ld,
+                                     long long first)
+    {
+        if (m.symmetric && (m.usesLower ? j > i : i > j))
+            std::swap(i, j);
+        return ld * j + first + i;
+    }
+
+    /// Dimension's rules once the block is sized: the shape; a non-square matrix is neither
+    /// symmetric nor triangular; non-negative widths record a band. Deliberate: a negative width
+    /// keeps the earlier band.
+    static void set_shape(KelGenericMatrix& m, int rows, int cols, int kl, int ku)
+    {
+        m.rowDim = rows;
+        m.colDim = cols;
+        if (rows != cols) {
+            m.symmetric = 0;
+            m.triangular = 0;
+        }
+        if (kl >= 0 && ku >= 0) {
+            m.banded = 1;
+            m.lowerBandWidth = kl;
+            m.upperBandWidth = ku;
+        }
+    }
 
     /// Copies rowDim, colDim, both band widths, storageSize and the four flags.
     static void copy_shape_and_flags(KelGenericMatrix& dst, const KelGenericMatrix& src)
