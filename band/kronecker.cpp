@@ -67,7 +67,7 @@ void transpose(const double* src, long long lds, double* dst, long long ldd, int
 bool Solve_Kronecker(const KelMatrixBanded& A, const KelMatrixBanded& B, KelMatrix& X,
                      bool copyInputs)
 {
-    KELMATRIX_CHECK(kronecker_solve(A, B, X, copyInputs));
+    KELMATRIX_CHECK(kronecker_solve(A, B, X));
     const int copy = copyInputs ? 1 : 0;
     const int nA = A.GetRowDim(), nB = B.GetRowDim();
     // Deliberate: truncating division, unchecked (nA == 0 is not guarded); columns past the

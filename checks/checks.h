@@ -73,8 +73,7 @@ void band_cholesky(const char* function, const KelGenericMatrix& A, int bandWidt
 void cyclic_cholesky(const char* function, const KelGenericMatrix& A, int bandWidth, int m,
                      const KelGenericMatrix* B);
 void cyclic_solve(const KelMatrix& A, const KelMatrix& B, int nb, int bandWidth);
-void kronecker_solve(const KelMatrixBanded& A, const KelMatrixBanded& B, const KelMatrix& X,
-                     bool copyInputs);
+void kronecker_solve(const KelMatrixBanded& A, const KelMatrixBanded& B, const KelMatrix& X);
 void kronecker_substitution(const char* function, bool upper, int w1, int w2,
                             const KelGenericMatrix& U1, const KelGenericMatrix& U2,
                             const KelMatrix& X);
