@@ -15,8 +15,8 @@
 
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
-#include "kelmatrix/band.h"
 #include "checks/checks.h"
+#include "kelmatrix/band.h"
 
 namespace kelmatrix {
 namespace internal {

@@ -14,9 +14,9 @@
 #include <cstdint>
 #include <cstring>
 
+#include "checks/checks.h"
 #include "kelmatrix/band.h"
 #include "matrix/mkl_bindings.h"
-#include "checks/checks.h"
 
 namespace {
 

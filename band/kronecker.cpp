@@ -23,9 +23,9 @@
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
 #include "band/simd_pair.h"
+#include "checks/checks.h"
 #include "kelmatrix/band.h"
 #include "kelmatrix/dense.h"
-#include "checks/checks.h"
 
 using namespace kelmatrix::internal;
 

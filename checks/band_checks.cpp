@@ -9,10 +9,10 @@
 // the same (defined) bits in every build.
 #if defined(KELMATRIX_CHECKED)
 
-#include <algorithm>
+#    include <algorithm>
 
-#include "checks/checks.h"
-#include "matrix/storage_access.h"
+#    include "checks/checks.h"
+#    include "matrix/storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
 
@@ -33,8 +33,8 @@ int reached_width(const KelGenericMatrix& A, int bandWidth)
 
 void order(const char* function, const char* name, const KelGenericMatrix& A)
 {
-    require(A.GetColDim() >= A.GetRowDim(), function, name, "rows = %d, cols = %d",
-            A.GetRowDim(), A.GetColDim());
+    require(A.GetColDim() >= A.GetRowDim(), function, name, "rows = %d, cols = %d", A.GetRowDim(),
+            A.GetColDim());
 }
 
 // The routines read the upper triangle; a symmetric band stored as its lower triangle serves
@@ -53,8 +53,8 @@ void width_in_band(const char* function, const char* condition, const KelGeneric
 
 void right_hand_sides(const char* function, const KelGenericMatrix& A, const KelGenericMatrix& B)
 {
-    require(B.GetRowDim() == A.GetRowDim(), function, "B.rows == A.rows", "A.rows = %d, B.rows = %d",
-            A.GetRowDim(), B.GetRowDim());
+    require(B.GetRowDim() == A.GetRowDim(), function, "B.rows == A.rows",
+            "A.rows = %d, B.rows = %d", A.GetRowDim(), B.GetRowDim());
 }
 
 } // namespace
@@ -63,7 +63,8 @@ void band_cholesky(const char* function, const KelGenericMatrix& A, int bandWidt
                    const KelGenericMatrix* B)
 {
     order(function, "A.cols >= A.rows", A);
-    width_in_band(function, "band width <= the stored upper band", A, reached_width(A, bandWidth), bandWidth);
+    width_in_band(function, "band width <= the stored upper band", A, reached_width(A, bandWidth),
+                  bandWidth);
     if (B)
         right_hand_sides(function, A, *B);
 }
@@ -77,7 +78,8 @@ void cyclic_cholesky(const char* function, const KelGenericMatrix& A, int bandWi
     // The border columns reach row 0; the band block alone reaches bandWidth, used as given
     // (deliberate: 0 copies the diagonal only, a negative width nothing).
     const int reached = m > 0 ? std::max(n - 1, 0) : std::clamp(bandWidth, 0, std::max(n - 1, 0));
-    width_in_band(function, "band and border widths <= the stored upper band", A, reached, bandWidth);
+    width_in_band(function, "band and border widths <= the stored upper band", A, reached,
+                  bandWidth);
     if (B)
         right_hand_sides(function, A, *B);
 }
@@ -116,12 +118,14 @@ void kronecker_substitution(const char* function, bool upper, int w1, int w2,
     order(function, "U1.cols >= U1.rows", U1);
     order(function, "U2.cols >= U2.rows", U2);
     require(static_cast<long long>(X.GetRowDim()) == static_cast<long long>(p) * q, function,
-            "X.rows == U1.rows * U2.rows", "X.rows = %d, U1.rows = %d, U2.rows = %d",
-            X.GetRowDim(), p, q);
+            "X.rows == U1.rows * U2.rows", "X.rows = %d, U1.rows = %d, U2.rows = %d", X.GetRowDim(),
+            p, q);
     // Deliberate in the routines: the upper substitution resolves w2 <= 0 to U1's order.
     const int r1 = w1 <= 0 ? p : w1, r2 = w2 <= 0 ? (upper ? p : q) : w2;
-    width_in_band(function, "w1 <= the stored upper band of U1", U1, std::min(r1, std::max(p - 1, 0)), w1);
-    width_in_band(function, "w2 <= the stored upper band of U2", U2, std::min(r2, std::max(q - 1, 0)), w2);
+    width_in_band(function, "w1 <= the stored upper band of U1", U1,
+                  std::min(r1, std::max(p - 1, 0)), w1);
+    width_in_band(function, "w2 <= the stored upper band of U2", U2,
+                  std::min(r2, std::max(q - 1, 0)), w2);
 }
 
 } // namespace checks

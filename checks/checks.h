@@ -14,11 +14,11 @@
 
 #if defined(KELMATRIX_CHECKED)
 
-#include "kelmatrix/band.h"
-#include "kelmatrix/dense.h"
-#include "kelmatrix/sparse.h"
+#    include "kelmatrix/band.h"
+#    include "kelmatrix/dense.h"
+#    include "kelmatrix/sparse.h"
 
-#define KELMATRIX_CHECK(call) ::kelmatrix::checks::call
+#    define KELMATRIX_CHECK(call) ::kelmatrix::checks::call
 
 namespace kelmatrix {
 namespace checks {
@@ -46,8 +46,8 @@ void sparse_dimension(int n, unsigned int dim);
 void sparse_array(const char* function, const char* name, const void* array, unsigned int count);
 
 // ---- dense algebra ----
-void product(const char* function, const KelMatrix& A, const KelMatrix& B, bool transA,
-             bool transB, double beta, const KelMatrix& C);
+void product(const char* function, const KelMatrix& A, const KelMatrix& B, bool transA, bool transB,
+             double beta, const KelMatrix& C);
 void dgemm_arguments(const char* transa, const char* transb, int m, int n, int k, const double* a,
                      int lda, const double* b, int ldb, const double* c, int ldc);
 void solve(const KelMatrix& A, const KelMatrix& B);
@@ -81,8 +81,8 @@ void kronecker_substitution(const char* function, bool upper, int w1, int w2,
 // ---- sparse solver ----
 // The solver's own state decides whether a call reaches PARDISO; only such calls are checked.
 void solver_init(int n, int nrhs);
-void solver_matrix(const char* function, bool reaches_pardiso, int n, const int* ia,
-                   const int* ja, const double* a, int mtype);
+void solver_matrix(const char* function, bool reaches_pardiso, int n, const int* ia, const int* ja,
+                   const double* a, int mtype);
 void solver_solve(bool reaches_pardiso, int n, const KelMatrix& B, const KelMatrix& X);
 void solver_solve(bool reaches_pardiso, int n, int count, const double* b, const double* x);
 
@@ -91,7 +91,7 @@ void solver_solve(bool reaches_pardiso, int n, int count, const double* b, const
 
 #else
 
-#define KELMATRIX_CHECK(call) static_cast<void>(0)
+#    define KELMATRIX_CHECK(call) static_cast<void>(0)
 
 #endif
 

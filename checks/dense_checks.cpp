@@ -9,10 +9,10 @@
 // of copyInputs, a product accumulated into an operand).
 #if defined(KELMATRIX_CHECKED)
 
-#include <algorithm>
-#include <cstring>
+#    include <algorithm>
+#    include <cstring>
 
-#include "checks/checks.h"
+#    include "checks/checks.h"
 
 namespace kelmatrix {
 namespace checks {
@@ -25,8 +25,7 @@ void square(const char* function, const char* condition, const KelGenericMatrix&
             A.GetRowDim(), A.GetColDim());
 }
 
-void rows_equal(const char* function, const char* condition, const KelGenericMatrix& B,
-                int order)
+void rows_equal(const char* function, const char* condition, const KelGenericMatrix& B, int order)
 {
     require(B.GetRowDim() == order, function, condition, "order = %d, B.rows = %d", order,
             B.GetRowDim());
@@ -35,8 +34,8 @@ void rows_equal(const char* function, const char* condition, const KelGenericMat
 void upper_band(const char* function, const KelMatrixBanded& A)
 {
     require(A.GetLowerBandWidth() == 0 && A.GetUpperBandWidth() >= 0, function,
-            "kl == 0 and ku >= 0 (upper band storage)", "kl = %d, ku = %d",
-            A.GetLowerBandWidth(), A.GetUpperBandWidth());
+            "kl == 0 and ku >= 0 (upper band storage)", "kl = %d, ku = %d", A.GetLowerBandWidth(),
+            A.GetUpperBandWidth());
 }
 
 void separate(const char* function, const char* condition, const KelGenericMatrix& a,
@@ -53,8 +52,8 @@ bool is_trans(const char* t, const char* allowed)
 
 } // namespace
 
-void product(const char* function, const KelMatrix& A, const KelMatrix& B, bool transA,
-             bool transB, double beta, const KelMatrix& C)
+void product(const char* function, const KelMatrix& A, const KelMatrix& B, bool transA, bool transB,
+             double beta, const KelMatrix& C)
 {
     const int m = transA ? A.GetColDim() : A.GetRowDim();
     const int k = transA ? A.GetRowDim() : A.GetColDim();
@@ -117,8 +116,7 @@ void solve_bsp(const KelMatrixBanded& A, const KelMatrix& B, int copyInputs)
     upper_band("SolveBSP", A);
     square("SolveBSP", "A.rows == A.cols", A);
     rows_equal("SolveBSP", "B.rows == A.cols", B, A.GetColDim());
-    separate("SolveBSP", "B shares no storage with A when copyInputs == 0", A, B,
-             copyInputs == 0);
+    separate("SolveBSP", "B shares no storage with A when copyInputs == 0", A, B, copyInputs == 0);
 }
 
 void factorization(const char* function, const KelMatrix& A)
@@ -164,11 +162,11 @@ void dgels_arguments(const char* trans, int m, int n, int nrhs, const double*, i
     const char* function = "kel_dgels";
     require(is_trans(trans, "NnTt"), function, "trans is N or T", "trans = '%c'",
             trans && *trans ? *trans : '?');
-    require(m >= 0 && n >= 0 && nrhs >= 0, function, "m, n, nrhs >= 0",
-            "m = %d, n = %d, nrhs = %d", m, n, nrhs);
+    require(m >= 0 && n >= 0 && nrhs >= 0, function, "m, n, nrhs >= 0", "m = %d, n = %d, nrhs = %d",
+            m, n, nrhs);
     require(lda >= std::max(1, m), function, "lda >= max(1, m)", "lda = %d, m = %d", lda, m);
-    require(ldb >= std::max({1, m, n}), function, "ldb >= max(1, m, n)",
-            "ldb = %d, m = %d, n = %d", ldb, m, n);
+    require(ldb >= std::max({1, m, n}), function, "ldb >= max(1, m, n)", "ldb = %d, m = %d, n = %d",
+            ldb, m, n);
     const int mn = std::min(m, n), minimum = std::max(1, mn + std::max(mn, nrhs));
     require(lwork == -1 || lwork >= minimum, function,
             "lwork == -1 or lwork >= max(1, min(m, n) + max(min(m, n), nrhs))",
@@ -202,8 +200,7 @@ void eigenvalues(const KelMatrix& A, const double* eigenvalues, int copyInputs)
     const char* function = "EigenValuesS";
     square(function, "A.rows == A.cols", A);
     const int n = A.GetColDim();
-    require(eigenvalues != nullptr || n == 0, function, "eigenvalues != nullptr", "A.cols = %d",
-            n);
+    require(eigenvalues != nullptr || n == 0, function, "eigenvalues != nullptr", "A.cols = %d", n);
     const double* a = A.GetElements();
     const bool inside = a != nullptr && eigenvalues >= a && eigenvalues < a + A.GetStorageSize();
     require(copyInputs != 0 || !inside, function,

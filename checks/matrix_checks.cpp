@@ -1,18 +1,17 @@
 // KELMATRIX container checks
 // The checks of the matrix classes, the sparse vector and the global misalignment.
 //
-// Element indices are checked against the shape before any mirroring; a band element also
-// against the band rows its column stores (the kl fill-in rows included), after mirroring, as
-// the accessor addresses it. Sizes must not be negative and their storage count must fit the
-// int the matrices keep it in. Conversions are checked where their loops would leave the
-// source's shape.
+// Element indices are checked against the shape before any mirroring; a band element also for
+// the slot the accessor addresses (after mirroring), which must lie in the stored block: an
+// index pair outside the band but inside it reaches another band row, as documented. Sizes must not
+// be negative and their storage count must fit the int the matrices keep it in. Conversions are
+// checked where their loops would leave the source's shape.
 #if defined(KELMATRIX_CHECKED)
 
-#include <climits>
-#include <utility>
+#    include <climits>
 
-#include "checks/checks.h"
-#include "matrix/storage_access.h"
+#    include "checks/checks.h"
+#    include "matrix/storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
 
@@ -36,13 +35,14 @@ void element(const char* function, const KelGenericMatrix& m, int i, int j)
 void band_element(const char* function, const KelGenericMatrix& m, int i, int j)
 {
     element(function, m, i, j);
-    if (StorageAccess::symmetric(m) && (StorageAccess::uses_lower(m) ? j > i : i > j))
-        std::swap(i, j); // the element the accessor addresses
-    const int kl = m.GetLowerBandWidth(), ku = m.GetUpperBandWidth();
-    require(i - j <= kl, function, "i - j <= kl (inside the stored band)",
-            "i = %d, j = %d after mirroring, kl = %d, ku = %d", i, j, kl, ku);
-    require(j - i <= ku + kl, function, "j - i <= ku + kl (inside the stored band)",
-            "i = %d, j = %d after mirroring, kl = %d, ku = %d", i, j, kl, ku);
+    // Outside the band the accessor addresses another band row's slot (defined, and relied on
+    // by nothing but harmless) or, near the first and last columns, memory outside the block.
+    const long long kl = m.GetLowerBandWidth(), ku = m.GetUpperBandWidth();
+    const long long offset = StorageAccess::mirrored_offset(m, i, j, 2 * kl + ku, kl + ku);
+    require(offset >= 0 && offset < m.GetStorageSize(), function,
+            "the band slot of (i, j) lies in the stored block",
+            "i = %d, j = %d, kl = %lld, ku = %lld, offset = %lld, storage = %d", i, j, kl, ku,
+            offset, m.GetStorageSize());
 }
 
 void packed_element(const char* function, const KelGenericMatrix& m, int i, int j)

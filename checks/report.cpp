@@ -8,13 +8,13 @@
 // return, the library aborts, so no call continues past a broken condition.
 #if defined(KELMATRIX_CHECKED)
 
-#include <atomic>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
+#    include <atomic>
+#    include <cstdarg>
+#    include <cstdio>
+#    include <cstdlib>
 
-#include "checks/checks.h"
-#include "kelmatrix/checked.h"
+#    include "checks/checks.h"
+#    include "kelmatrix/checked.h"
 
 namespace {
 

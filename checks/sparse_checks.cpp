@@ -8,7 +8,7 @@
 // solver's order as their row count and must not share storage.
 #if defined(KELMATRIX_CHECKED)
 
-#include "checks/checks.h"
+#    include "checks/checks.h"
 
 namespace kelmatrix {
 namespace checks {
@@ -18,8 +18,8 @@ void solver_init(int, int nrhs)
     require(nrhs >= 1, "LSMsolver::init", "nrhs >= 1", "nrhs = %d", nrhs);
 }
 
-void solver_matrix(const char* function, bool reaches_pardiso, int n, const int* ia,
-                   const int* ja, const double* a, int mtype)
+void solver_matrix(const char* function, bool reaches_pardiso, int n, const int* ia, const int* ja,
+                   const double* a, int mtype)
 {
     if (!reaches_pardiso)
         return;
@@ -54,8 +54,8 @@ void solver_solve(bool reaches_pardiso, int n, int count, const double* b, const
     require(count >= 0, function, "count >= 0", "count = %d", count);
     const bool any = count > 0 && n > 0;
     require(!any || (b != nullptr && x != nullptr), function, "b != nullptr and x != nullptr",
-            "b = %p, x = %p, count = %d", static_cast<const void*>(b),
-            static_cast<const void*>(x), count);
+            "b = %p, x = %p, count = %d", static_cast<const void*>(b), static_cast<const void*>(x),
+            count);
     require(!any || b != x, function, "x != b", "one array at %p", static_cast<const void*>(b));
 }
 

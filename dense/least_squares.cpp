@@ -11,10 +11,10 @@
 #include <cstring>
 #include <vector>
 
+#include "checks/checks.h"
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"
-#include "checks/checks.h"
 
 using kelmatrix::internal::AlignedBuffer;
 using kelmatrix::internal::take_solution;

@@ -8,8 +8,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "storage_access.h"
 #include "checks/checks.h"
+#include "storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
 

@@ -11,8 +11,8 @@
 #include <new>
 #include <utility>
 
-#include "storage_access.h"
 #include "checks/checks.h"
+#include "storage_access.h"
 
 namespace {
 int mklMisalignment = 0; // bytes; not synchronised: set it before matrices are created

@@ -6,8 +6,8 @@
 // triangle: a packed matrix cannot hold the other one, whatever the symmetric flag says.
 #include <utility>
 
-#include "storage_access.h"
 #include "checks/checks.h"
+#include "storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
 

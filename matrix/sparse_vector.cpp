@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <cstring>
 
+#include "checks/checks.h"
 #include "mkl_bindings.h"
 #include "storage_access.h"
-#include "checks/checks.h"
 
 namespace {
 
@@ -58,7 +58,8 @@ void KelSparseVector::setDim(int n)
 
 bool KelSparseVector::setAllElements(unsigned int n, const double* dense)
 {
-    KELMATRIX_CHECK(sparse_array("KelSparseVector::setAllElements", "dense != nullptr", dense, n > dim ? 0 : n));
+    KELMATRIX_CHECK(sparse_array("KelSparseVector::setAllElements", "dense != nullptr", dense,
+                                 n > dim ? 0 : n));
     if (n > dim)
         return false;
     setDim(static_cast<int>(dim));
@@ -85,7 +86,8 @@ bool KelSparseVector::setAllElements(unsigned int n, const double* dense)
 
 bool KelSparseVector::getAllElements(unsigned int n, double* dense) const
 {
-    KELMATRIX_CHECK(sparse_array("KelSparseVector::getAllElements", "dense != nullptr", dense, n < dim ? 0 : n));
+    KELMATRIX_CHECK(sparse_array("KelSparseVector::getAllElements", "dense != nullptr", dense,
+                                 n < dim ? 0 : n));
     if (n < dim)
         return false;
     if (n > 0)

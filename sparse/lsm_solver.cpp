@@ -18,12 +18,12 @@
 #include <algorithm>
 #include <cstring>
 
+#include "checks/checks.h"
 #include "kelmatrix/sparse.h"
 #include "matrix/mkl_bindings.h"
 #include "sparse/pardiso_controls.h"
 #include "sparse/solver_cycle.h"
 #include "sparse/thread_policy.h"
-#include "checks/checks.h"
 
 using namespace kelmatrix::internal;
 
