@@ -1,4 +1,5 @@
-target_sources(kelmatrix PRIVATE
+# Dense wrappers: one LAPACK/BLAS routine each.
+set(KELMATRIX_DENSE_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/products.cpp
   ${CMAKE_CURRENT_LIST_DIR}/linear_solves.cpp
   ${CMAKE_CURRENT_LIST_DIR}/cholesky.cpp

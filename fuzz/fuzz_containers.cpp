@@ -26,9 +26,15 @@ void fill(FuzzedDataProvider& in, KelGenericMatrix& m)
         m.GetElements()[k] = fz::value(in);
 }
 
-bool square(const KelGenericMatrix& m) { return m.GetRowDim() == m.GetColDim(); }
+bool square(const KelGenericMatrix& m)
+{
+    return m.GetRowDim() == m.GetColDim();
+}
 
-bool plain(KelMatrix& m) { return !m.SymmetricQ() && !m.TriangularQ() && m.GetLowerBandWidth() < 0; }
+bool plain(KelMatrix& m)
+{
+    return !m.SymmetricQ() && !m.TriangularQ() && m.GetLowerBandWidth() < 0;
+}
 
 /// A dense matrix with `whole` false holds fewer doubles than rows x cols (a copy of a
 /// converted matrix): only operations bounded by its storage size apply.
@@ -37,7 +43,10 @@ struct Slot {
     bool whole = true;
 };
 
-bool scalable(Slot& s) { return plain(*s.m) || (s.whole && s.m->GetRowDim() <= s.m->GetColDim()); }
+bool scalable(Slot& s)
+{
+    return plain(*s.m) || (s.whole && s.m->GetRowDim() <= s.m->GetColDim());
+}
 
 } // namespace
 
@@ -55,8 +64,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Slot& other = d[1 - k];
         switch (in.ConsumeIntegralInRange<int>(0, 10)) {
         case 0: { // dense re-dimension, perhaps recording a band
-            const int r = in.ConsumeIntegralInRange<int>(0, 8), c = in.ConsumeIntegralInRange<int>(0, 8);
-            t.Dimension(r, c, in.ConsumeIntegralInRange<int>(-1, 3), in.ConsumeIntegralInRange<int>(-1, 3));
+            const int r = in.ConsumeIntegralInRange<int>(0, 8),
+                      c = in.ConsumeIntegralInRange<int>(0, 8);
+            t.Dimension(r, c, in.ConsumeIntegralInRange<int>(-1, 3),
+                        in.ConsumeIntegralInRange<int>(-1, 3));
             FUZZ_CHECK(t.GetStorageSize() == r * c);
             FUZZ_CHECK(r == c || !t.SymmetricQ());
             s.whole = true;
@@ -64,10 +75,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             break;
         }
         case 1: {
-            const int r = in.ConsumeIntegralInRange<int>(0, 8), c = in.ConsumeIntegralInRange<int>(0, 8);
+            const int r = in.ConsumeIntegralInRange<int>(0, 8),
+                      c = in.ConsumeIntegralInRange<int>(0, 8);
             if (r != c)
                 b.SetSymmetric(false); // kept by a band re-dimension; meaningful only when square
-            b.Dimension(r, c, in.ConsumeIntegralInRange<int>(0, 3), in.ConsumeIntegralInRange<int>(0, 3));
+            b.Dimension(r, c, in.ConsumeIntegralInRange<int>(0, 3),
+                        in.ConsumeIntegralInRange<int>(0, 3));
             fill(in, b);
             break;
         }
@@ -112,7 +125,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         case 5: // deep copy
             t = *other.m;
-            FUZZ_CHECK(t.GetRowDim() == other.m->GetRowDim() && t.GetColDim() == other.m->GetColDim());
+            FUZZ_CHECK(t.GetRowDim() == other.m->GetRowDim() &&
+                       t.GetColDim() == other.m->GetColDim());
             FUZZ_CHECK(t.GetElements() != other.m->GetElements() || t.GetStorageSize() == 0);
             FUZZ_CHECK(fz::same_storage(t, *other.m));
             s.whole = t.GetStorageSize() >= t.GetRowDim() * t.GetColDim() && other.whole;
@@ -126,7 +140,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             const int kl = b.GetLowerBandWidth(), ku = b.GetUpperBandWidth();
             for (int i = 0; i < b.GetRowDim() && b.GetRowDim() >= b.GetColDim(); ++i)
                 for (int j = std::max(i - kl, 0); j <= std::min(i + ku, b.GetColDim() - 1); ++j)
-                    FUZZ_CHECK(fz::same_bits((*c)(i, j), static_cast<const KelMatrixBanded&>(b)(i, j)));
+                    FUZZ_CHECK(
+                        fz::same_bits((*c)(i, j), static_cast<const KelMatrixBanded&>(b)(i, j)));
             s.m = std::move(c);
             s.whole = true; // the block holds max(rows, cols)^2 doubles
             break;
@@ -138,7 +153,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             for (int i = 0; i < n; ++i)
                 for (int j = 0; j < n; ++j)
                     if (p.UsesLowerQ() ? j <= i : j >= i)
-                        FUZZ_CHECK(fz::same_bits((*c)(i, j), static_cast<const KelMatrixPacked&>(p)(i, j)));
+                        FUZZ_CHECK(fz::same_bits((*c)(i, j),
+                                                 static_cast<const KelMatrixPacked&>(p)(i, j)));
             s.m = std::move(c);
             s.whole = true;
             break;

@@ -1,11 +1,11 @@
 // KELMATRIX Kronecker fuzzer
 // Solve_Kronecker on random SPD-or-not band operands, shapes and copy modes, and the Kronecker
-// substitutions on random factors in dense and in band storage.
+// substitutions on random factors in dense storage, in band storage and behind a forwarding type
+// (the generic route), an empty inner factor (q = 0) included.
 //
 // Properties: Solve_Kronecker with copies never changes A or B, and X only on success; the
-// substitutions give the same bits whether the factors are dense or band (only their upper
-// bands are read, through the accessor). The inner factor has at least one row: the ring
-// buffer's slot is taken modulo (w1 + 1) q.
+// substitutions give the same bits whatever the factors' storage and route (only their upper
+// bands are read, through the accessor).
 #include "kelmatrix/band.h"
 
 #include "fuzz_input.h"
@@ -43,30 +43,35 @@ void solve(FuzzedDataProvider& in)
 
 void substitute(FuzzedDataProvider& in)
 {
-    const int p = in.ConsumeIntegralInRange<int>(0, 7), q = in.ConsumeIntegralInRange<int>(1, 7);
-    const int w1 = in.ConsumeIntegralInRange<int>(1, p + 1), w2 = in.ConsumeIntegralInRange<int>(1, q + 1);
-    KelMatrix D1, D2;
+    const int p = in.ConsumeIntegralInRange<int>(0, 7), q = in.ConsumeIntegralInRange<int>(0, 7);
+    const int w1 = in.ConsumeIntegralInRange<int>(1, p + 1),
+              w2 = in.ConsumeIntegralInRange<int>(1, q + 1);
+    KelMatrix D1, D2, G1, G2;
     KelMatrixBanded B1, B2;
-    fz::both_storages(in, fz::upper_band(in, p, w1), p, w1, D1, B1);
-    fz::both_storages(in, fz::upper_band(in, q, w2), q, w2, D2, B2);
+    fz::all_storages(in, fz::upper_band(in, p, w1), p, w1, D1, B1, G1);
+    fz::all_storages(in, fz::upper_band(in, q, w2), q, w2, D2, B2, G2);
+    fz::Forward F1(G1), F2(G2);
     if (in.ConsumeBool()) { // factors as Cholesky_factor leaves them, dropped pivots included
         const double tol = fz::value(in);
-        Cholesky_factor(D1, w1, tol);
-        Cholesky_factor(B1, w1, tol);
-        Cholesky_factor(D2, w2, tol);
-        Cholesky_factor(B2, w2, tol);
+        for (KelGenericMatrix* U : std::initializer_list<KelGenericMatrix*>{&D1, &B1, &F1})
+            Cholesky_factor(*U, w1, tol);
+        for (KelGenericMatrix* U : std::initializer_list<KelGenericMatrix*>{&D2, &B2, &F2})
+            Cholesky_factor(*U, w2, tol);
     }
-    KelMatrix X1, X2;
+    KelMatrix X1, X2, X3;
     X1.Dimension(p * q, in.ConsumeIntegralInRange<int>(0, 3), -1, -1);
     for (int k = 0; k < X1.GetStorageSize(); ++k)
         X1.GetElements()[k] = fz::value(in);
     X2 = X1;
+    X3 = X1;
     kronecker_lower_substitute(w1, w2, D1, D2, X1);
     kronecker_lower_substitute(w1, w2, B1, B2, X2);
-    FUZZ_CHECK(fz::same_storage(X1, X2));
+    kronecker_lower_substitute(w1, w2, F1, F2, X3);
+    FUZZ_CHECK(fz::same_storage(X1, X2) && fz::same_storage(X1, X3));
     kronecker_upper_substitute(w1, w2, D1, D2, X1);
     kronecker_upper_substitute(w1, w2, B1, B2, X2);
-    FUZZ_CHECK(fz::same_storage(X1, X2));
+    kronecker_upper_substitute(w1, w2, F1, F2, X3);
+    FUZZ_CHECK(fz::same_storage(X1, X2) && fz::same_storage(X1, X3));
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds KELMATRIX (Release) and runs every example program.
+# Installs what is missing, builds KELMATRIX (Release) and runs every example program; the
+# distributed one runs under mpirun on 2 ranks (--allow-run-as-root --oversubscribe: CI runs as
+# root on 2 cores).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh

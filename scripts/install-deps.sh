@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
 # Installs what KELMATRIX needs on Debian bookworm, non-interactively and idempotently:
 # Intel MKL (from the non-free component, enabled here when absent), the compiler and
-# build tools, GoogleTest, Google Benchmark and Doxygen. Run as root, or with sudo available.
+# build tools, GoogleTest, Google Benchmark and Doxygen, and for the distributed solver Open MPI
+# with MKL's BLACS layer for it. Run as root, or with sudo available.
 set -euo pipefail
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 
-packages=(libmkl-dev cmake g++ make pkg-config googletest libgtest-dev libbenchmark-dev doxygen)
+packages=(libmkl-dev cmake g++ make pkg-config googletest libgtest-dev libbenchmark-dev doxygen
+          openmpi-bin libopenmpi-dev libmkl-blacs-openmpi-lp64)
 for extra in "$@"; do packages+=("$extra"); done
 
 missing=()

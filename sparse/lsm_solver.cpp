@@ -10,40 +10,41 @@
 // after a failed solve x may hold the groups that succeeded. Deliberate oddities: assignment
 // shares PARDISO's handle, the remaining group is solved even after a failed full group, and a
 // failed factorization keeps the state at 0 so that it can be retried.
+//
+// Opt-in additions: refactor() runs phase 22 on the held analysis; a failed one leaves state 1,
+// in which solve() refuses and clear() still releases. set_settings() rewrites only the iparm
+// entries it names. Every call that reaches PARDISO records its error and phase for
+// diagnostics().
 #include <algorithm>
 #include <cstring>
 
 #include "kelmatrix/sparse.h"
 #include "matrix/mkl_bindings.h"
+#include "sparse/pardiso_controls.h"
+#include "sparse/solver_cycle.h"
 #include "sparse/thread_policy.h"
 
+using namespace kelmatrix::internal;
+
 namespace {
-
-// PARDISO phases.
-constexpr int kPhaseAnalyzeFactor = 12; // analysis, then numerical factorization
-constexpr int kPhaseSolveRefine = 33;   // forward/backward solve with iterative refinement
-constexpr int kPhaseReleaseAll = -1;    // release all internal memory
-
-// Solver states.
-constexpr int kStateDefault = -1; // default-constructed
-constexpr int kStateReady = 0;    // initialized or cleared
-constexpr int kStateFactored = 2; // factored, not solved yet
-constexpr int kStateSolved = 3;   // solved at least once
 
 // Fixed pardiso arguments.
 constexpr int kMaxfct = 1; // one factorization kept
 constexpr int kMnum = 1;   // and it is the one used
 constexpr int kMsglvl = 0; // no statistics printed
 
-constexpr int kParamCount = 64; // entries of iparm and of the handle pt
-
 } // namespace
 
 LSMsolver::LSMsolver()
     : n(0), nrhs(0), ia(nullptr), ja(nullptr), a(nullptr),
-      mtype(LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE), state(kStateDefault)
+      mtype(LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE), state(kStateDefault), last_error(0),
+      last_phase(0)
 {
-    // iparm and pt stay unset: init() sets both before they can be used.
+    // init() sets both arrays before PARDISO can see them; they are filled here only so that
+    // settings() and diagnostics() read defined values before the first init().
+    std::fill(iparm, iparm + kParamCount, 0);
+    std::fill(pt, pt + kParamCount, nullptr);
+    apply_settings(LSMsolver_settings(), iparm);
 }
 
 LSMsolver::LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps)
@@ -53,7 +54,8 @@ LSMsolver::LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefine
 
 LSMsolver::LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps,
                      LSMsolver_mattype mtype)
-    : n(n), nrhs(nrhs), ia(ia), ja(ja), a(a), mtype(mtype), state(kStateReady)
+    : n(n), nrhs(nrhs), ia(ia), ja(ja), a(a), mtype(mtype), state(kStateReady), last_error(0),
+      last_phase(0)
 {
     init(n, ia, ja, a, nrhs, maxRefinementSteps, mtype);
 }
@@ -77,15 +79,17 @@ LSMsolver& LSMsolver::operator=(const LSMsolver& src)
     state = src.state;
     std::memcpy(iparm, src.iparm, sizeof iparm);
     std::memcpy(pt, src.pt, sizeof pt);
+    last_error = src.last_error;
+    last_phase = src.last_phase;
     return *this;
 }
 
 bool LSMsolver::init(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps,
                      LSMsolver_mattype mtype)
 {
-    if (state > kStateReady) // a held factorization must be cleared first
+    if (holds_factorization(state)) // a held factorization must be cleared first
         return false;
-    const int threads = kelmatrix::internal::init_thread_count();
+    const int threads = init_thread_count();
 
     this->n = n;
     this->nrhs = nrhs;
@@ -94,16 +98,11 @@ bool LSMsolver::init(int n, int* ia, int* ja, double* a, int nrhs, int maxRefine
     this->a = a;   // borrowed
     this->mtype = mtype;
 
-    std::fill(iparm, iparm + kParamCount, 0);
-    iparm[0] = 1;                  // our parameters, not PARDISO's defaults
-    iparm[1] = 2;                  // fill-in reducing ordering: nested dissection (METIS)
-    iparm[2] = threads;            // number of processors
-    iparm[4] = 0;                  // no user permutation
-    iparm[5] = 0;                  // solution written to x, b unchanged
-    iparm[7] = maxRefinementSteps; // maximum iterative refinement steps
-    iparm[9] = 13;                 // pivot perturbation 1e-13
+    fixed_iparm(iparm, threads, maxRefinementSteps);
 
     std::fill(pt, pt + kParamCount, nullptr); // a fresh handle: PARDISO requires all zeros
+    last_error = 0;
+    last_phase = 0;
     // Deliberate: the state is left as it was, so a default-constructed solver still needs
     // clear() before factor().
     return true;
@@ -111,18 +110,45 @@ bool LSMsolver::init(int n, int* ia, int* ja, double* a, int nrhs, int maxRefine
 
 bool LSMsolver::factor()
 {
-    if (state != kStateReady)
-        return false;
-    double dummy = 0.0;
-    if (call_pardiso(kPhaseAnalyzeFactor, nrhs, &dummy, &dummy) != 0)
-        return false; // Deliberate: still ready, so factor() may be retried
-    state = kStateFactored;
+    const auto engine = [this](int phase, int count, double* b, double* x) {
+        return call_pardiso(phase, count, b, x);
+    };
+    return factor_step(state, nrhs, engine);
+}
+
+bool LSMsolver::refactor()
+{
+    const auto engine = [this](int phase, int count, double* b, double* x) {
+        return call_pardiso(phase, count, b, x);
+    };
+    return refactor_step(state, nrhs, engine);
+}
+
+bool LSMsolver::set_settings(const LSMsolver_settings& settings)
+{
+    if (holds_factorization(state) || !settings_valid(settings))
+        return false; // a held analysis was made with the settings in force
+    apply_settings(settings, iparm);
     return true;
+}
+
+LSMsolver_settings LSMsolver::settings() const
+{
+    return settings_in(iparm);
+}
+
+LSMsolver_diagnostics LSMsolver::diagnostics() const
+{
+    LSMsolver_diagnostics d;
+    d.error = last_error;
+    d.lastPhase = last_phase;
+    read_statistics(iparm, mtype, d);
+    return d;
 }
 
 bool LSMsolver::solve(KelMatrix& B, KelMatrix& X)
 {
-    if (state != kStateFactored && state != kStateSolved)
+    if (!may_solve(state))
         return false;
     // Deliberate: X must already have B's shape; it is never re-dimensioned.
     if (B.GetColDim() != X.GetColDim() || B.GetRowDim() != X.GetRowDim() || B.GetRowDim() != n)
@@ -133,33 +159,18 @@ bool LSMsolver::solve(KelMatrix& B, KelMatrix& X)
 
 bool LSMsolver::solve(int count, double* b, double* x)
 {
-    if (state != kStateFactored && state != kStateSolved)
-        return false;
-    // Deliberate: nrhs == 0 is not guarded; the constructor and init() take it unchecked.
-    const int full = count / nrhs, rest = count % nrhs;
-    const long long batch_stride = static_cast<long long>(nrhs) * n;
-
-    int error = 0;
-    for (int k = 0; k < full && error == 0; ++k)
-        error = call_pardiso(kPhaseSolveRefine, nrhs, b + k * batch_stride, x + k * batch_stride);
-    if (rest > 0) // Deliberate: solved even after a failed group, and its error is the result
-        error = call_pardiso(kPhaseSolveRefine, rest, b + full * batch_stride,
-                             x + full * batch_stride);
-    if (error != 0)
-        return false;
-    state = kStateSolved;
-    return true;
+    const auto engine = [this](int phase, int count, double* b, double* x) {
+        return call_pardiso(phase, count, b, x);
+    };
+    return solve_steps(state, count, nrhs, n, b, x, engine);
 }
 
 bool LSMsolver::clear()
 {
-    if (state <= kStateReady) { // nothing held: PARDISO is not called
-        state = kStateReady;
-        return true;
-    }
-    double dummy = 0.0;
-    call_pardiso(kPhaseReleaseAll, nrhs, &dummy, &dummy); // its error is of no use here
-    state = kStateReady; // Deliberate: pt keeps its stale entries; init() zeroes them
+    const auto engine = [this](int phase, int count, double* b, double* x) {
+        return call_pardiso(phase, count, b, x);
+    };
+    clear_step(state, nrhs, engine); // Deliberate: pt keeps its stale entries; init() zeroes them
     return true;
 }
 
@@ -170,5 +181,7 @@ int LSMsolver::call_pardiso(int phase, int count, double* b, double* x)
     int error = 0;
     pardiso(pt, &kMaxfct, &kMnum, &matrix_type, &phase, &n, a, ia, ja, &perm, &count, iparm,
             &kMsglvl, b, x, &error);
+    last_error = error;
+    last_phase = phase;
     return error;
 }

@@ -1,4 +1,7 @@
-target_sources(kelmatrix PRIVATE
+# The sparse solver over PARDISO and the compressed-row checker.
+set(KELMATRIX_SPARSE_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/lsm_solver.cpp
   ${CMAKE_CURRENT_LIST_DIR}/thread_policy.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/load_environment.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/load_environment.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/pardiso_controls.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/csr_check.cpp)

@@ -1,6 +1,7 @@
 // KELMATRIX failure-path tests
-// Each documented failure not pinned elsewhere: the result it gives, and that the output, and
-// the inputs a copy protects, keep their block, shape and bits.
+// Each documented failure of the dense and banded wrappers and drivers not pinned elsewhere: the
+// result it gives, and that the output, and the inputs a copy protects, keep their block, shape
+// and bits.
 //
 // Illegal sizes reach LAPACK's own argument check, which prints "Intel MKL ERROR: Parameter k
 // was incorrect" and returns info = -k; the int-returning wrappers pass that k through.
@@ -67,9 +68,9 @@ TEST(FailurePaths, IllegalSizesAreRejectedByLapackAndChangeNothing)
     EXPECT_FALSE(Solve(empty, B0, X));
     EXPECT_FALSE(Solve(Aempty, B0, X));
     EXPECT_FALSE(SolveSP(empty, B0, X, 1));
-    EXPECT_EQ(spdMatrixCholeskyFactorization(empty, 1), -4);       // lda
-    EXPECT_EQ(spdCholeskySubstitute(empty, B0, X, 1), -5);         // lda
-    EXPECT_EQ(symmPositiveDefiniteInverse(empty, 1), -4);          // lda
+    EXPECT_EQ(spdMatrixCholeskyFactorization(empty, 1), -4);        // lda
+    EXPECT_EQ(spdCholeskySubstitute(empty, B0, X, 1), -5);          // lda
+    EXPECT_EQ(symmPositiveDefiniteInverse(empty, 1), -4);           // lda
     EXPECT_FALSE(spdBandMatrixCholeskyFactorization(Anegative, 1)); // kd < 0
     EXPECT_FALSE(spdBandCholeskySubstitute(Anegative, A, X, 1));
     EXPECT_EQ(solveUpperTriangularBandSystem(Anegative, false, A, X, 1), -5); // kd
@@ -91,29 +92,58 @@ TEST(FailurePaths, IllegalSizesAreRejectedByLapackAndChangeNothing)
     EXPECT_EQ(jpvt[0], 0);
 }
 
-TEST(FailurePaths, SingularBandAndRankDeficientLeastSquaresKeepTheirCopiedInputs)
+// A zero pivot, an indefinite matrix, a rank-deficient one, a zero diagonal of a factor: false
+// or LAPACK's info, and the output (X, or A for the inverse) and every input a copy protects as
+// they were. In place, a failed factorization leaves the partial factor instead.
+TEST(FailurePaths, SingularIndefiniteAndDeficientInputsLeaveOutputsAsTheyWere)
 {
     std::mt19937_64 rng(kt::seed() + 1);
     SCOPED_TRACE(kt::seed_note());
-    const int n = 7;
-    KelMatrixBanded G;
-    G.Dimension(n, n, 2, 1);
-    G.SetZero();
+    const int n = 6;
+    Dense singular = kt::random_dense(rng, n, n), tall = kt::random_dense(rng, 9, n);
+    Dense indefinite = kt::random_spd(rng, n, 2);
+    indefinite(3, 3) = -1.0;    // the leading minor of order 4 is not positive definite
+    for (int i = 0; i < 9; ++i) // exactly zero columns: exactly zero pivots in LU and in R
+        tall(i, 2) = singular(i % n, 2) = 0.0;
+    kt::KelOf S(singular), P(indefinite), T(tall), B(kt::random_dense(rng, n, 5));
+    kt::KelOf Bt(kt::random_dense(rng, 9, 5)), X(Dense(n, 5, 7.0)); // SolveLS: nrhs from X
+    KelMatrixBanded Sb, Pb, Tb;
+    Sb.Dimension(n, n, 2, 1);
+    Sb.SetZero();
     for (int j = 0; j < n; ++j)
         for (int i = std::max(0, j - 1); i <= std::min(n - 1, j + 2); ++i)
-            G(i, j) = j == 4 ? 0.0 : i == j ? 4.0 : -1.0; // a zero column: an exactly zero pivot
-    kt::KelOf B(kt::random_dense(rng, n, 3)), X(Dense(2, 2, 7.0));
-    const Untouched g{&G, &B, &X};
-    EXPECT_FALSE(Solve(G, B, X));
-    EXPECT_TRUE(g());
+            Sb(i, j) = singular(i, j);
+    kt::to_band_upper(indefinite, 2, Pb);
+    Tb.Dimension(n, n, 0, 1);
+    Tb.SetIdentity();
+    Tb(2, 2) = 0.0; // a triangular factor with a zero diagonal
+    KelMatrix F;
+    kt::to_kel_upper(kt::random_spd(rng, n, n - 1), F);
+    F(2, 2) = 0.0;
 
-    Dense a = kt::random_dense(rng, 9, 4);
-    for (int i = 0; i < 9; ++i)
-        a(i, 2) = 0.0; // an exactly zero column: R gets an exactly zero diagonal
-    kt::KelOf A(a), Bl(kt::random_dense(rng, 9, 2)), Xl(Dense(4, 2, 7.0));
-    const Untouched ls{&A, &Bl, &Xl};
-    EXPECT_FALSE(SolveLS(A, Bl, Xl));
-    EXPECT_TRUE(ls());
+    const Untouched all{&S, &P, &T, &B, &Bt, &X, &Sb, &Pb, &Tb, &F};
+    EXPECT_FALSE(Solve(S, B, X));
+    EXPECT_FALSE(Solve(Sb, B, X));
+    EXPECT_FALSE(SolveSP(P, B, X, 1));
+    EXPECT_FALSE(SolveBSP(Pb, B, X, 1));
+    EXPECT_FALSE(SolveLS(T, Bt, X));
+    EXPECT_EQ(solveUpperTriangularBandSystem(Tb, false, B, X, 1), 3);
+    for (int copy : {1, 2})
+        EXPECT_EQ(symmPositiveDefiniteInverse(F, copy), 3); // no write-back, no mirroring
+    EXPECT_TRUE(all());
+
+    for (int copy : {1, 2, -1}) { // only 1 copies
+        SCOPED_TRACE(copy);
+        KelMatrix A;
+        KelMatrixBanded Ab;
+        kt::to_kel_upper(indefinite, A);
+        kt::to_band_upper(indefinite, 2, Ab);
+        const Untouched a{&A}, ab{&Ab};
+        EXPECT_EQ(spdMatrixCholeskyFactorization(A, copy), 4);
+        EXPECT_FALSE(spdBandMatrixCholeskyFactorization(Ab, copy));
+        EXPECT_EQ(a(), copy == 1);
+        EXPECT_EQ(ab(), copy == 1);
+    }
 }
 
 TEST(FailurePaths, BandedDriversRejectEmptyBlocksAndMismatchedRightHandSides)
@@ -144,10 +174,10 @@ TEST(FailurePaths, BandedDriversRejectEmptyBlocksAndMismatchedRightHandSides)
 // the sanitizer and valgrind passes) and is leaked. The suppressions in lsan.supp and
 // valgrind.supp name this function, which allocates every block that is leaked.
 __attribute__((noinline)) void leak_earlier_blocks_by_conversion(KelMatrix& target,
-                                                                  const KelMatrixBanded& band,
-                                                                  const KelMatrixPacked& packed,
-                                                                  const double*& earlier,
-                                                                  const double*& converted)
+                                                                 const KelMatrixBanded& band,
+                                                                 const KelMatrixPacked& packed,
+                                                                 const double*& earlier,
+                                                                 const double*& converted)
 {
     kt::to_kel(Dense(2, 2, 5.0), target);
     earlier = target.GetElements();

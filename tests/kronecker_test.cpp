@@ -190,18 +190,20 @@ TEST(KroneckerSubstitute, NonPositiveWidthsTakeTheirDefaults)
     EXPECT_NE(run(false, 0, 0), run(false, p, q));
 }
 
-
 TEST(KroneckerSubstitute, AnEmptyInnerFactorLeavesNothingToDo)
 {
     KelMatrix U1, U2, X;
     U1.Dimension(2, 2, -1, -1);
     U1.SetIdentity();
+    U1(0, 1) = 0.5;
     U2.Dimension(0, 0, -1, -1); // q = 0: X has no rows, and the ring buffer is empty
     X.Dimension(0, 3, -1, -1);
-    kronecker_lower_substitute(1, 1, U1, U2, X);
+    const std::vector<double> u1 = kt::snapshot(U1);
+    const double* const x = X.GetElements();
+    kronecker_lower_substitute(1, 1, U1, U2, X); // returns: nothing is divided by q or read
     kronecker_upper_substitute(1, 1, U1, U2, X);
-    EXPECT_EQ(X.GetRowDim(), 0);
-    EXPECT_EQ(X.GetColDim(), 3);
+    EXPECT_EQ(kt::snapshot(U1), u1); // the factors are only read
+    EXPECT_EQ(X.GetElements(), x);   // X keeps its block: never re-dimensioned or re-allocated
 }
 
 } // namespace

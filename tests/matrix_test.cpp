@@ -20,7 +20,7 @@ std::uintptr_t addr(const void* p)
 // The next 32-byte boundary at or after p, plus the shift in bytes; sparse positions unshifted.
 TEST(Storage, BlocksStartAtTheShiftedBoundary)
 {
-    kelmatrix_set_mkl_misalignment(24);
+    const kt::ScopedMisalignment shift(24);
     double raw[40];
     for (int k = 0; k < 4; ++k) {
         const std::uintptr_t p = addr(next_aligned_adr(raw + k)) - 24;
@@ -34,7 +34,6 @@ TEST(Storage, BlocksStartAtTheShiftedBoundary)
     EXPECT_EQ((addr(b.GetElements()) - 24) % 32, 0u);
     EXPECT_EQ((addr(v.data_ptr()) - 24) % 32, 0u);
     EXPECT_EQ(addr(v.index_ptr()) % 32, 0u);
-    kelmatrix_set_mkl_misalignment(0);
 }
 
 TEST(GenericMatrix, FlagsAndBandSurviveDimensionAsDocumented)
@@ -71,7 +70,7 @@ TEST(GenericMatrix, AssignmentSharesAndSwapKeepsOwnership)
     EXPECT_EQ(b->GetElements(), a.GetElements());
     EXPECT_EQ(b->GetStorageSize(), 6);
     static_cast<KelGenericMatrix&>(*b) = static_cast<const KelGenericMatrix&>(d); // so only a
-    delete b;                                                                      // releases
+    delete b;                                                                     // releases
 
     c.Dimension(2, 2, -1, -1);
     d.Dimension(3, 1, 1, 0);

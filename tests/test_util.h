@@ -15,6 +15,7 @@
 #include <limits>
 #include <map>
 #include <random>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,7 +29,10 @@ struct Dense {
     int rows = 0, cols = 0;
     std::vector<double> v;
     Dense() = default;
-    Dense(int r, int c, double fill = 0.0) : rows(r), cols(c), v(static_cast<std::size_t>(r) * c, fill) {}
+    Dense(int r, int c, double fill = 0.0)
+        : rows(r), cols(c), v(static_cast<std::size_t>(r) * c, fill)
+    {
+    }
     double& operator()(int i, int j) { return v[static_cast<std::size_t>(j) * rows + i]; }
     double operator()(int i, int j) const { return v[static_cast<std::size_t>(j) * rows + i]; }
 };
@@ -98,7 +102,8 @@ inline double norm1(const Dense& a)
     return best;
 }
 
-/// LAPACK's acceptance ratio ||B - A X||_1 / (||A||_1 ||X||_1 n eps); ~1 for a backward-stable solve.
+/// LAPACK's acceptance ratio ||B - A X||_1 / (||A||_1 ||X||_1 n eps); ~1 for a backward-stable
+/// solve.
 inline double residual_ratio(const Dense& a, const Dense& x, const Dense& b)
 {
     Dense r = multiply(a, x);
@@ -108,6 +113,25 @@ inline double residual_ratio(const Dense& a, const Dense& x, const Dense& b)
     const double denom = norm1(a) * norm1(x) * std::max(a.rows, a.cols) * eps;
     return denom > 0.0 ? norm1(r) / denom : norm1(r);
 }
+
+/// " key=value key=value ...": a case's description for SCOPED_TRACE.
+template <class... T> std::string describe(const T&... key_value_pairs)
+{
+    std::ostringstream out;
+    int k = 0;
+    ((out << (k++ % 2 ? "=" : " ") << key_value_pairs), ...);
+    return out.str();
+}
+
+/// Sets the process-wide misalignment for a scope and restores the earlier value however the
+/// scope ends (a failed ASSERT returns early).
+struct ScopedMisalignment {
+    const int saved = kelmatrix_get_mkl_misalignment();
+    explicit ScopedMisalignment(int bytes) { kelmatrix_set_mkl_misalignment(bytes); }
+    ~ScopedMisalignment() { kelmatrix_set_mkl_misalignment(saved); }
+    ScopedMisalignment(const ScopedMisalignment&) = delete;
+    ScopedMisalignment& operator=(const ScopedMisalignment&) = delete;
+};
 
 /// Copies a reference matrix into a library matrix through its accessor.
 inline void fill(KelGenericMatrix& m, const Dense& a)
@@ -147,37 +171,6 @@ inline Dense from_kel(const KelGenericMatrix& m)
 inline std::vector<double> snapshot(const KelGenericMatrix& m)
 {
     return std::vector<double>(m.GetElements(), m.GetElements() + m.GetStorageSize());
-}
-
-/// X solving a X = b by Gaussian elimination with partial pivoting (a square and nonsingular).
-inline Dense solve_dense(Dense a, Dense b)
-{
-    const int n = a.rows;
-    for (int k = 0; k < n; ++k) {
-        int p = k;
-        for (int i = k + 1; i < n; ++i)
-            if (std::fabs(a(i, k)) > std::fabs(a(p, k)))
-                p = i;
-        for (int j = 0; j < n; ++j)
-            std::swap(a(k, j), a(p, j));
-        for (int j = 0; j < b.cols; ++j)
-            std::swap(b(k, j), b(p, j));
-        for (int i = k + 1; i < n; ++i) {
-            const double l = a(i, k) / a(k, k);
-            for (int j = k; j < n; ++j)
-                a(i, j) -= l * a(k, j);
-            for (int j = 0; j < b.cols; ++j)
-                b(i, j) -= l * b(k, j);
-        }
-    }
-    for (int j = 0; j < b.cols; ++j)
-        for (int i = n - 1; i >= 0; --i) {
-            double s = b(i, j);
-            for (int k = i + 1; k < n; ++k)
-                s -= a(i, k) * b(k, j);
-            b(i, j) = s / a(i, i);
-        }
-    return b;
 }
 
 /// a without row p (and without column p too when square is set).
@@ -250,6 +243,104 @@ inline void to_kel_upper(const Dense& a, KelMatrix& m)
     for (int j = 0; j < a.cols; ++j)
         for (int i = j + 1; i < a.rows; ++i)
             m(i, j) = kGarbage;
+}
+
+/// a^T.
+inline Dense transpose(const Dense& a)
+{
+    Dense t(a.cols, a.rows);
+    for (int j = 0; j < a.cols; ++j)
+        for (int i = 0; i < a.rows; ++i)
+            t(j, i) = a(i, j);
+    return t;
+}
+
+/// a - b (same shapes).
+inline Dense minus(Dense a, const Dense& b)
+{
+    for (std::size_t k = 0; k < a.v.size(); ++k)
+        a.v[k] -= b.v[k];
+    return a;
+}
+
+/// Columns first .. first + count - 1 of a.
+inline Dense column_block(const Dense& a, int first, int count)
+{
+    Dense r(a.rows, count);
+    std::copy(a.v.begin() + std::size_t(first) * a.rows,
+              a.v.begin() + std::size_t(first + count) * a.rows, r.v.begin());
+    return r;
+}
+
+/// P kron Q: element (a q + s, b q' + u) is P(a, b) Q(s, u), Q of shape q x q'.
+inline Dense kronecker(const Dense& P, const Dense& Q)
+{
+    Dense k(P.rows * Q.rows, P.cols * Q.cols);
+    for (int b = 0; b < P.cols; ++b)
+        for (int a = 0; a < P.rows; ++a)
+            for (int u = 0; u < Q.cols; ++u)
+                for (int s = 0; s < Q.rows; ++s)
+                    k(a * Q.rows + s, b * Q.cols + u) = P(a, b) * Q(s, u);
+    return k;
+}
+
+/// Orthonormal columns (modified Gram-Schmidt, twice) of a random rows x cols matrix.
+inline Dense orthonormal(std::mt19937_64& rng, int rows, int cols)
+{
+    Dense q = random_dense(rng, rows, cols);
+    for (int j = 0; j < cols; ++j)
+        for (int pass = 0; pass < 2; ++pass) {
+            for (int k = 0; k < j; ++k) {
+                double dot = 0.0;
+                for (int i = 0; i < rows; ++i)
+                    dot += q(i, k) * q(i, j);
+                for (int i = 0; i < rows; ++i)
+                    q(i, j) -= dot * q(i, k);
+            }
+            double norm = 0.0;
+            for (int i = 0; i < rows; ++i)
+                norm += q(i, j) * q(i, j);
+            for (int i = 0; i < rows; ++i)
+                q(i, j) /= std::sqrt(norm);
+        }
+    return q;
+}
+
+/// ||B - A X||_1 / (||A||_1 max(||X||_1, ||X0||_1) max(m, n) eps) for a consistent system
+/// B = A X0. A rank-revealing least-squares solver drops singular values at rounding level, which
+/// leaves a residual of about eps ||A|| ||X0||; the minimum-norm X, X0's projection on A's row
+/// space, can be far shorter than X0, so dividing by ||X|| alone overstates the residual.
+inline double consistent_ratio(const Dense& a, const Dense& x, const Dense& b, const Dense& x0)
+{
+    const double eps = std::numeric_limits<double>::epsilon();
+    const double denom = norm1(a) * std::max(norm1(x), norm1(x0)) * std::max(a.rows, a.cols) * eps;
+    const double r = norm1(minus(b, multiply(a, x)));
+    return denom > 0.0 ? r / denom : r;
+}
+
+/// ||A^T (B - A X)||_1 / (||A||_1 (||A||_1 ||X||_1 + ||B||_1) max(m, n) eps): the least-squares
+/// optimality ratio, bounded for any backward-stable solver whatever the residual.
+inline double normal_equations_ratio(const Dense& a, const Dense& x, const Dense& b)
+{
+    const double eps = std::numeric_limits<double>::epsilon(), na = norm1(a);
+    const Dense g = multiply(a, minus(b, multiply(a, x)), true, false);
+    const double denom = na * (na * norm1(x) + norm1(b)) * std::max(a.rows, a.cols) * eps;
+    return denom > 0.0 ? norm1(g) / denom : norm1(g);
+}
+
+/// ||A Z - Z diag(lambda)||_1 / (||A||_1 n eps) and ||Z^T Z - I||_1 / (n eps): the eigenpair
+/// ratios of a symmetric eigendecomposition.
+inline std::pair<double, double> eigen_ratios(const Dense& a, const double* lambda, const Dense& z)
+{
+    const int n = a.rows;
+    const double eps = std::numeric_limits<double>::epsilon(), na = norm1(a);
+    Dense r = multiply(a, z), o = multiply(z, z, true, false);
+    for (int j = 0; j < n; ++j) {
+        for (int i = 0; i < n; ++i)
+            r(i, j) -= z(i, j) * lambda[j];
+        o(j, j) -= 1.0;
+    }
+    return {na > 0.0 ? norm1(r) / (na * n * eps) : norm1(r), norm1(o) / (n * eps)};
 }
 
 } // namespace kt

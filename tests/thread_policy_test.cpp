@@ -1,32 +1,27 @@
-// KELMATRIX thread policy and load-time environment tests
-// LSMsolver::establish_numthreads and init's thread decision, and KMP_DUPLICATE_LIB_OK at start.
+// KELMATRIX thread policy tests
+// LSMsolver::establish_numthreads and init's thread decision.
 //
 // This executable defines its own `mkl_set_num_threads`, which the library's calls reach first;
 // it counts the calls and forwards them to MKL's. Every case sets the decided count and sets or
 // unsets OMP_NUM_THREADS itself.
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 
+#include "interposers.h"
 #include "kelmatrix/sparse.h"
 
 namespace {
 
 int g_setter_calls = 0;
 int g_setter_last = 0;
+const auto mkl_setter = kt::next_definition(&mkl_set_num_threads, "mkl_set_num_threads");
 
 } // namespace
 
-extern "C" __attribute__((visibility("default"))) void mkl_set_num_threads(const int* nt)
+void mkl_set_num_threads(const int* nt)
 {
-    using Setter = void (*)(const int*);
-    static const Setter mkl_setter =
-        reinterpret_cast<Setter>(dlsym(RTLD_NEXT, "mkl_set_num_threads"));
     ++g_setter_calls;
     g_setter_last = *nt;
     mkl_setter(nt);
@@ -45,19 +40,42 @@ void start_from(const char* value, int decided = -1)
         unsetenv("OMP_NUM_THREADS");
 }
 
+// Each case changes OMP_NUM_THREADS, the decided count and MKL's thread count; all three are
+// put back afterwards.
+class ThreadPolicy : public testing::Test {
+protected:
+    void TearDown() override
+    {
+        LSMsolver::mNumThreadsDefault = saved_default_;
+        mkl_setter(&saved_mkl_threads_);
+        if (had_variable_)
+            setenv("OMP_NUM_THREADS", saved_variable_.c_str(), 1);
+        else
+            unsetenv("OMP_NUM_THREADS");
+    }
+
+private:
+    const int saved_default_ = LSMsolver::mNumThreadsDefault;
+    const int saved_mkl_threads_ = mkl_get_max_threads();
+    const char* const variable_ = std::getenv("OMP_NUM_THREADS");
+    const bool had_variable_ = variable_ != nullptr;
+    const std::string saved_variable_ = variable_ ? variable_ : "";
+};
+
 // Without a request, a decided count stands; before any decision OMP_NUM_THREADS read by atoi
 // decides within 1..20 without the setter (OpenMP reads the variable itself), and 1 outside that
 // range; only an unset variable gives 1 through the setter. init decides the same way, and the
 // decision is kept without reading the variable again.
-TEST(ThreadPolicy, EnvironmentDecidesOnceWithinOneToTwenty)
+TEST_F(ThreadPolicy, EnvironmentDecidesOnceWithinOneToTwenty)
 {
     int ia[2] = {1, 2}, ja[1] = {1};
     double a[1] = {4.0};
     const struct {
         const char* value;
-        int decided, want, setter_calls;
-    } cases[] = {{"8", -1, 8, 0}, {"20", -1, 20, 0}, {"21", -1, 1, 0}, {"0", -1, 1, 0},
-                 {"4x", -1, 4, 0}, {nullptr, -1, 1, 1}, {"8", 64, 64, 0}, {nullptr, 3, 3, 0}};
+        int decided, want, setter_calls, given; // given: the setter's argument, 0 if not called
+    } cases[] = {{"8", -1, 8, 0, 0},  {"20", -1, 20, 0, 0}, {"21", -1, 1, 0, 0},
+                 {"0", -1, 1, 0, 0},  {"4x", -1, 4, 0, 0},  {nullptr, -1, 1, 1, 1},
+                 {"8", 64, 64, 0, 0}, {nullptr, 3, 3, 0, 0}};
     for (const auto& c : cases)
         for (bool by_init : {false, true}) {
             SCOPED_TRACE(testing::Message() << (c.value ? c.value : "(unset)") << ", decided "
@@ -70,14 +88,14 @@ TEST(ThreadPolicy, EnvironmentDecidesOnceWithinOneToTwenty)
             }
             EXPECT_EQ(LSMsolver::mNumThreadsDefault, c.want);
             EXPECT_EQ(g_setter_calls, c.setter_calls);
-            EXPECT_EQ(g_setter_last, c.setter_calls); // when called, the setter was given 1
+            EXPECT_EQ(g_setter_last, c.given);
             setenv("OMP_NUM_THREADS", "3", 1);
             EXPECT_EQ(LSMsolver::establish_numthreads(-1), c.want);
             EXPECT_EQ(g_setter_calls, c.setter_calls);
         }
 }
 
-TEST(ThreadPolicy, ExplicitRequestIsUncappedAndReachesMklOnlyWhenItChanges)
+TEST_F(ThreadPolicy, ExplicitRequestIsUncappedAndReachesMklOnlyWhenItChanges)
 {
     start_from("2");
     EXPECT_EQ(LSMsolver::establish_numthreads(4), 4);
@@ -87,31 +105,6 @@ TEST(ThreadPolicy, ExplicitRequestIsUncappedAndReachesMklOnlyWhenItChanges)
     EXPECT_EQ(LSMsolver::mNumThreadsDefault, 64);
     EXPECT_EQ(g_setter_calls, 2);
     EXPECT_EQ(g_setter_last, 64);
-}
-
-// ---- load-time environment ----
-
-// Read before main runs, after the library's own load-time initializers.
-const char* const kDuplicateLibOkAtStart = std::getenv("KMP_DUPLICATE_LIB_OK");
-
-// Whether this process was started with KMP_DUPLICATE_LIB_OK=TRUE, from the environment block
-// the kernel handed it; setenv never writes there.
-bool launched_with_duplicate_lib_ok()
-{
-    std::ifstream in("/proc/self/environ", std::ios::binary);
-    const std::string block = std::string(1, '\0') +
-                              std::string{std::istreambuf_iterator<char>(in), {}} + '\0';
-    const std::string entry = std::string(1, '\0') + "KMP_DUPLICATE_LIB_OK=TRUE" + '\0';
-    return block.find(entry) != std::string::npos;
-}
-
-TEST(LoadEnvironment, DuplicateOpenMpRuntimeIsAllowedBeforeMainStarts)
-{
-    if (launched_with_duplicate_lib_ok())
-        GTEST_SKIP() << "started with KMP_DUPLICATE_LIB_OK=TRUE: the library's setting cannot "
-                        "be told apart";
-    ASSERT_NE(kDuplicateLibOkAtStart, nullptr);
-    EXPECT_STREQ(kDuplicateLibOkAtStart, "TRUE");
 }
 
 } // namespace

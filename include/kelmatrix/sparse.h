@@ -18,12 +18,21 @@
 //    handle, and clearing or destroying either releases PARDISO's memory for both. Before the
 //    other one is used or destroyed, assign it an unfactored solver: its own clear() would
 //    release the memory a second time;
-//  - a true result means PARDISO reported no error, not that the solution is accurate. PARDISO's
-//    scaling and weighted matching stay off, so matrices with many zero or tiny diagonal entries
-//    (KKT systems, some unsymmetric ones) may get perturbed pivots and poor or even non-finite
-//    solutions: check the residual where that matters.
+//  - a true result means PARDISO reported no error, not that the solution is accurate. By default
+//    PARDISO's scaling and weighted matching stay off, so matrices with many zero or tiny
+//    diagonal entries (KKT systems, some unsymmetric ones) may get perturbed pivots and poor or
+//    even non-finite solutions: read diagnostics().perturbedPivots, check the residual where that
+//    matters, and opt in to LSMsolver_settings::scalingAndMatching for such matrices.
+//
+// Additions beyond that fixed cycle, all opt-in (unused, the solver makes exactly the calls
+// above with the same control parameters): set_settings() between init() and factor();
+// refactor() for new values on the same pattern (symbolic analysis once, numeric many);
+// diagnostics() after any call; LSMsolver_check_csr() to validate the arrays before they reach
+// PARDISO, and LSMsolver_prepare_csr() to build them from 0-based or other-triangle input.
 #ifndef KELMATRIX_SPARSE_H
 #define KELMATRIX_SPARSE_H
+
+#include <vector>
 
 #include "kelmatrix/matrix.h"
 
@@ -34,6 +43,139 @@ enum LSMsolver_mattype : int {
     LSM_REAL_SYMMETRIC_INDEFINITE = -2,
     LSM_REAL_UNSYMMETRIC = 11
 };
+
+/// PARDISO's fill-reducing orderings (its iparm[1] codes).
+enum LSMsolver_ordering : int {
+    LSM_ORDERING_MINIMUM_DEGREE = 0,
+    LSM_ORDERING_NESTED_DISSECTION = 2, ///< METIS; what init() sets
+    LSM_ORDERING_PARALLEL_NESTED_DISSECTION =
+        3 ///< METIS with OpenMP; pays off when analysis dominates
+};
+
+/// Opt-in PARDISO controls, applied by LSMsolver::set_settings() between init() and factor().
+/// The member initializers are exactly what init() sets, so a default-constructed value changes
+/// nothing. Which matrices want what:
+///  - scalingAndMatching: unsymmetric (11) and symmetric indefinite (-2) matrices with zero or
+///    tiny diagonal entries: KKT and saddle-point systems, circuit and chemical-process
+///    matrices. It permutes large entries onto the diagonal before factoring, so far fewer
+///    pivots are perturbed. Meant for types 11 and -2; a positive definite matrix (type 2)
+///    needs no pivoting help.
+///  - pivotPerturbation: pivots smaller than 10^-p times the matrix norm are replaced by that
+///    value. 13 suits types 1 and 11; 8 is PARDISO's own choice for -2. Smaller p perturbs more
+///    pivots but keeps the factorization stable; refinement then repairs the solution.
+///  - ordering: nested dissection for 2-D and 3-D meshes (least fill); minimum degree can be
+///    faster to analyse on small or very irregular matrices; the parallel variant for large 3-D
+///    problems on several threads.
+///  - factorStatistics: asks PARDISO to count the factor's nonzeros (diagnostics().factorNonzeros).
+struct LSMsolver_settings {
+    bool scalingAndMatching = false; ///< PARDISO iparm[10] and iparm[12]
+    int pivotPerturbation = 13;      ///< PARDISO iparm[9]; 1..20
+    LSMsolver_ordering ordering = LSM_ORDERING_NESTED_DISSECTION; ///< PARDISO iparm[1]
+    bool factorStatistics = false; ///< PARDISO iparm[17] = -1 on entry
+};
+
+/// What PARDISO reported, read after any call (see LSMsolver::diagnostics()).
+struct LSMsolver_diagnostics {
+    int error = 0;           ///< PARDISO's error code of the last call that reached it; 0: none
+    int lastPhase = 0;       ///< the PARDISO phase of that call (12, 22, 33, -1); 0: none yet
+    int perturbedPivots = 0; ///< pivots PARDISO perturbed in the last (re)factorization
+    int refinementSteps = 0; ///< iterative refinement steps of the last solve
+    int positiveEigenvalues = -1;  ///< inertia after factoring type -2; -1 for other types
+    int negativeEigenvalues = -1;  ///< inertia after factoring type -2; -1 for other types
+    int peakAnalysisMemoryKB = 0;  ///< peak memory of the analysis, KiB
+    int peakFactorMemoryKB = 0;    ///< memory held by the factorization and solve, KiB
+    long long factorNonzeros = -1; ///< nonzeros in the factor; -1 unless factorStatistics is set
+};
+
+/// A fixed English description of a PARDISO error code (0 included); never null.
+KELMATRIX_API const char* LSMsolver_error_message(int error);
+
+/// The first broken rule found by LSMsolver_check_csr(); LSM_CSR_OK when none.
+enum LSMsolver_csr_problem : int {
+    LSM_CSR_OK = 0,
+    LSM_CSR_BAD_MATRIX_TYPE,       ///< mtype is not one of LSMsolver_mattype
+    LSM_CSR_ORDER_BELOW_ONE,       ///< n < 1, or a negative nnz
+    LSM_CSR_NULL_ARRAY,            ///< ia is null, or ja / a are null with nnz > 0
+    LSM_CSR_NOT_ONE_BASED,         ///< ia[0] != 1 (LSMsolver_prepare_csr(): != base)
+    LSM_CSR_ROW_POINTERS_DECREASE, ///< ia[row] < ia[row - 1]
+    LSM_CSR_ROW_POINTERS_END,      ///< ia[n] != nnz + 1
+    LSM_CSR_COLUMN_OUT_OF_RANGE,   ///< a column index outside 1..n
+    LSM_CSR_DUPLICATE_COLUMN,      ///< a column repeated within a row
+    LSM_CSR_COLUMNS_NOT_ASCENDING, ///< a row's columns not in ascending order
+    LSM_CSR_BELOW_DIAGONAL,        ///< a lower-triangle entry for types 2 and -2
+    LSM_CSR_MISSING_DIAGONAL,      ///< a diagonal entry not stored for types 2 and -2
+    LSM_CSR_NONPOSITIVE_DIAGONAL,  ///< a diagonal value <= 0 for type 2
+    LSM_CSR_NOT_FINITE,            ///< an infinite or NaN value
+    LSM_CSR_BAD_BASE,              ///< LSMsolver_prepare_csr(): base is neither 0 nor 1
+    LSM_CSR_OUTSIDE_TRIANGLE, ///< LSMsolver_prepare_csr(): an entry outside the stated triangle
+    LSM_CSR_BAD_ROW_RANGE     ///< LSMsolver_check_csr_rows(): rows not within 1..n, or none
+};
+
+/// The result of a check: the code, where (1-based row and 1-based position in ja/a; 0 where
+/// the rule concerns the whole matrix or ia alone) and the rule in words (fixed text, never
+/// null, never printed by the library).
+struct LSMsolver_csr_check {
+    LSMsolver_csr_problem code = LSM_CSR_OK; ///< the first broken rule
+    int row = 0;                             ///< its 1-based row; 0: the whole matrix or ia
+    int position = 0;                        ///< its 1-based index into ja and a; 0: none
+    const char* message = "";                ///< the rule in words
+};
+
+/// Validates the compressed rows (n, ia with n + 1 entries, ja and a with nnz entries) against
+/// what LSMsolver requires for mtype, and returns the first problem in this order: the type and
+/// sizes; ia as a whole (ia[0] == 1, non-decreasing, ia[n] == nnz + 1); then row by row, entry
+/// by entry: column in 1..n, strictly ascending (a repeat is reported as a duplicate), for types
+/// 2 and -2 no entry below the diagonal and, for type 2, a positive diagonal value, every value
+/// finite; at the end of a row, for types 2 and -2, that its diagonal was stored. Reads each
+/// entry at most once (O(n + nnz)), allocates nothing, writes nothing. Not checked: that a
+/// type-1 pattern is symmetric (that needs a transpose, hence memory).
+KELMATRIX_API LSMsolver_csr_check LSMsolver_check_csr(int n, const int* ia, const int* ja,
+                                                      const double* a, int nnz,
+                                                      LSMsolver_mattype mtype);
+
+/// The same checks for one contiguous block of rows firstRow..lastRow (1-based, inclusive) of an
+/// n x n matrix, as a distributed solver takes them from each process: ia holds
+/// lastRow - firstRow + 2 entries with ia[0] == 1, ja the global 1-based column indices, and for
+/// types 2 and -2 the block's part of the upper triangle (the diagonal of row r is column r).
+/// Rows are reported by their global number, positions 1-based into this block's ja and a. A
+/// block that does not lie within 1..n or holds no row is LSM_CSR_BAD_ROW_RANGE, checked after
+/// the type and sizes. For firstRow = 1 and lastRow = n it is LSMsolver_check_csr().
+KELMATRIX_API LSMsolver_csr_check LSMsolver_check_csr_rows(int n, int firstRow, int lastRow,
+                                                           const int* ia, const int* ja,
+                                                           const double* a, int nnz,
+                                                           LSMsolver_mattype mtype);
+
+/// The rule a problem code stands for: the same fixed text as LSMsolver_csr_check::message
+/// ("unknown problem" for a value outside LSMsolver_csr_problem); never null.
+KELMATRIX_API const char* LSMsolver_csr_rule(LSMsolver_csr_problem code);
+
+/// Which part of the matrix compressed rows hold, for LSMsolver_prepare_csr().
+enum LSMsolver_stored : int {
+    LSM_STORED_FULL = 0,  ///< every nonzero
+    LSM_STORED_UPPER = 1, ///< the upper triangle of a symmetric matrix (diagonal included)
+    LSM_STORED_LOWER = 2  ///< the lower triangle of a symmetric matrix (diagonal included)
+};
+
+/// Compressed rows as LSMsolver takes them: 1-based, owned, to be borrowed by LSMsolver.
+struct LSMsolver_csr {
+    int n = 0;             ///< order
+    std::vector<int> ia;   ///< n + 1 row starts, ia[0] = 1
+    std::vector<int> ja;   ///< column indices, ascending within each row
+    std::vector<double> a; ///< values, beside ja
+};
+
+/// Builds in out the arrays LSMsolver expects for mtype from compressed rows with indices
+/// starting at base (0 or 1): columns sorted, repeated entries summed (in their input order),
+/// for types 2 and -2 the upper triangle with every diagonal stored (0.0 where absent; a full
+/// input keeps its upper triangle and ignores the other values, a lower one is transposed), for
+/// types 1 and 11 the whole matrix (a triangle is mirrored). Returns the first structural
+/// problem of the input (out then unchanged) or, once built, LSMsolver_check_csr() of the
+/// result (non-finite values, a non-positive diagonal for type 2), which out then holds.
+KELMATRIX_API LSMsolver_csr_check LSMsolver_prepare_csr(int n, const int* ia, const int* ja,
+                                                        const double* a, int base,
+                                                        LSMsolver_stored stored,
+                                                        LSMsolver_mattype mtype,
+                                                        LSMsolver_csr& out);
 
 /// Sparse direct solver over PARDISO for a matrix in 1-based compressed-row form borrowed from
 /// the caller: factor once, solve any number of times in batches of nrhs, clear. Calls out of
@@ -72,7 +214,31 @@ public:
     /// Solves count right-hand sides of length n stored one after another in b into x (n*count
     /// doubles each; nothing is checked). b is not modified. False before factor() or on a
     /// PARDISO error (x may then hold the batches that succeeded).
+    /// Batching is PARDISO's matter: its first solve with nrhs > 1 after a factorization pays
+    /// a one-off set-up, small batches (8) are no faster than single calls on one thread, large
+    /// ones (32) are; iterative refinement (maxRefinementSteps > 0) makes every solve several
+    /// times dearer and pays only when pivots were perturbed.
     bool solve(int count, double* b, double* x);
+    /// Numerical refactorization with the values now in the borrowed a (same ia, ja, n and
+    /// type), reusing the analysis of factor(): PARDISO phase 22 on the same handle, with the
+    /// settings in force at factor(). Allowed after a successful factor() (states 2 and 3) and
+    /// after a failed refactor(); leads to state 2. On failure (see diagnostics().error) the
+    /// old factors are gone: solve() refuses until a refactor() succeeds, and clear() (or the
+    /// destructor) still releases PARDISO's memory. False, reaching no PARDISO phase, in any
+    /// other state.
+    bool refactor();
+    /// Applies the opt-in settings for the next factor(); init() resets them to the defaults.
+    /// False, changing nothing, when a factorization is held (clear() and init() first) or a
+    /// field is out of range (an ordering not in LSMsolver_ordering, pivotPerturbation outside
+    /// 1..20).
+    bool set_settings(const LSMsolver_settings& settings);
+    /// The settings now in force (after init(), before any set_settings(): the defaults).
+    LSMsolver_settings settings() const;
+    /// What PARDISO reported: the error and phase of the last call that reached it, and the
+    /// statistics of the last analysis, factorization and solve. Readable in every state; the
+    /// statistics persist until init() resets them.
+    LSMsolver_diagnostics diagnostics() const;
+
     /// Releases PARDISO's memory if a factorization is held; always true. Afterwards init() may
     /// borrow new arrays, and factor() may run again (also on changed values of the same arrays).
     bool clear();
@@ -91,13 +257,15 @@ private:
 
     int n;
     int nrhs;
-    int* ia; // borrowed from the caller
-    int* ja; // borrowed from the caller
+    int* ia;   // borrowed from the caller
+    int* ja;   // borrowed from the caller
     double* a; // borrowed from the caller
     LSMsolver_mattype mtype;
     int state;
     int iparm[64];
     void* pt[64];
+    int last_error; // PARDISO's error of the last call that reached it
+    int last_phase; // and that call's phase
 };
 
 #endif

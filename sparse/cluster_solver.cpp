@@ -1,0 +1,309 @@
+// KELMATRIX distributed sparse direct solver
+// LSMclusterSolver: A X = B over MKL's cluster sparse solver, the matrix spread by rows over MPI.
+//
+// The life cycle is LSMsolver's, run by the same steps (sparse/solver_cycle.h) with the same
+// control table and settings (sparse/pardiso_controls.h); every engine call goes through
+// call_engine with the fixed arguments maxfct = 1, mnum = 1, msglvl = 0, a dummy perm and the
+// communicator's Fortran handle. What is added is agreement among the ranks: before a step, one
+// reduction makes every rank refuse when any rank would (state, shapes, count); after each engine
+// call, the error is reduced so that every rank sees the same one and takes the same branch of
+// the step. The arrays are borrowed, never copied, and checked before each (re)factorization,
+// since the engine crashes on malformed distributed input rather than reporting it: a problem on
+// any rank is reported to all (error -1, the engine not called). Deliberate: a default-
+// constructed solver communicates with nobody, so its refusals stay local.
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "kelmatrix/sparse_mpi.h"
+#include "matrix/mkl_bindings.h"
+#include "sparse/pardiso_controls.h"
+#include "sparse/solver_cycle.h"
+
+using namespace kelmatrix::internal;
+
+static_assert(sizeof(MPI_Fint) == sizeof(int), "the engine takes the communicator as an int");
+
+namespace {
+
+// Fixed engine arguments.
+constexpr int kMaxfct = 1; // one factorization kept
+constexpr int kMnum = 1;   // and it is the one used
+constexpr int kMsglvl = 0; // no statistics printed
+
+// The cluster engine's own iparm entries.
+constexpr int kIparmInputFormat = 39; // 0: all on the master rank; 2: A, b and x by row blocks
+constexpr int kIparmDomainFirst = 40; // first row of this rank's block, 1-based
+constexpr int kIparmDomainLast = 41;  // last row of this rank's block
+constexpr int kFormatOnRoot = 0, kFormatDistributed = 2;
+
+constexpr int kInputInconsistent = -1; // the engine's code for inconsistent input
+
+bool known_type(int mtype)
+{
+    return mtype == LSM_REAL_STRUCTURALLY_SYMMETRIC ||
+           mtype == LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE ||
+           mtype == LSM_REAL_SYMMETRIC_INDEFINITE || mtype == LSM_REAL_UNSYMMETRIC;
+}
+
+// What each rank passes to init(), gathered so that every rank judges the same table.
+enum InitField { kFirst, kLast, kOrder, kNrhs, kRefinement, kType, kHolds, kInitFields };
+
+bool consistent(const std::vector<int>& all, int ranks, bool on_root)
+{
+    const int* root = all.data();
+    if (root[kOrder] < 1 || root[kNrhs] < 1 || !known_type(root[kType]))
+        return false;
+    for (int r = 0; r < ranks; ++r) {
+        const int* mine = all.data() + r * kInitFields;
+        if (mine[kHolds] != 0 || mine[kOrder] != root[kOrder] || mine[kNrhs] != root[kNrhs] ||
+            mine[kRefinement] != root[kRefinement] || mine[kType] != root[kType])
+            return false;
+        if (on_root)
+            continue;
+        const int expected_first = r == 0 ? 1 : all[(r - 1) * kInitFields + kLast] + 1;
+        if (mine[kFirst] != expected_first || mine[kLast] < mine[kFirst]) // one row at least
+            return false;
+    }
+    return on_root || all[(ranks - 1) * kInitFields + kLast] == root[kOrder];
+}
+
+} // namespace
+
+LSMclusterSolver::LSMclusterSolver()
+    : comm(MPI_COMM_NULL), n(0), first(0), last(-1), nrhs(0), ia(nullptr), ja(nullptr), a(nullptr),
+      mtype(LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE), on_root(false), state(kStateDefault),
+      last_error(0), last_phase(0)
+{
+    // Filled only so that settings() and diagnostics() read defined values before init().
+    std::fill(iparm, iparm + kParamCount, 0);
+    std::fill(pt, pt + kParamCount, nullptr);
+    apply_settings(LSMsolver_settings(), iparm);
+}
+
+LSMclusterSolver::LSMclusterSolver(MPI_Comm comm, int n, int firstRow, int lastRow, int* ia,
+                                   int* ja, double* a, int nrhs, int maxRefinementSteps,
+                                   LSMsolver_mattype mtype)
+    : LSMclusterSolver()
+{
+    if (init(comm, n, firstRow, lastRow, ia, ja, a, nrhs, maxRefinementSteps, mtype))
+        state = kStateReady;
+}
+
+LSMclusterSolver::~LSMclusterSolver()
+{
+    clear();
+}
+
+bool LSMclusterSolver::init(MPI_Comm comm, int n, int firstRow, int lastRow, int* ia, int* ja,
+                            double* a, int nrhs, int maxRefinementSteps, LSMsolver_mattype mtype)
+{
+    return configure(comm, n, firstRow, lastRow, ia, ja, a, nrhs, maxRefinementSteps, mtype, false);
+}
+
+bool LSMclusterSolver::init_on_root(MPI_Comm comm, int n, int* ia, int* ja, double* a, int nrhs,
+                                    int maxRefinementSteps, LSMsolver_mattype mtype)
+{
+    return configure(comm, n, 0, -1, ia, ja, a, nrhs, maxRefinementSteps, mtype, true);
+}
+
+bool LSMclusterSolver::configure(MPI_Comm comm, int n, int firstRow, int lastRow, int* ia, int* ja,
+                                 double* a, int nrhs, int maxRefinementSteps,
+                                 LSMsolver_mattype mtype, bool on_root)
+{
+    if (comm == MPI_COMM_NULL)
+        return false;
+    int rank = 0, ranks = 1;
+    MPI_Comm_rank(comm, &rank);
+    MPI_Comm_size(comm, &ranks);
+    const int mine[kInitFields] = {
+        firstRow, lastRow, n, nrhs, maxRefinementSteps, mtype, holds_factorization(state) ? 1 : 0};
+    std::vector<int> all(static_cast<std::size_t>(kInitFields) * ranks);
+    MPI_Allgather(mine, kInitFields, MPI_INT, all.data(), kInitFields, MPI_INT, comm);
+    if (!consistent(all, ranks, on_root))
+        return false; // the same verdict on every rank: all judged the same table
+
+    const int threads = LSMsolver::establish_numthreads(0);
+    this->comm = comm; // borrowed: valid until clear()
+    this->n = n;
+    first = on_root ? (rank == 0 ? 1 : 0) : firstRow;
+    last = on_root ? (rank == 0 ? n : -1) : lastRow;
+    this->nrhs = nrhs;
+    this->ia = ia; // borrowed: alive and unchanged until clear()
+    this->ja = ja; // borrowed
+    this->a = a;   // borrowed
+    this->mtype = mtype;
+    this->on_root = on_root;
+
+    fixed_iparm(iparm, threads, maxRefinementSteps);
+    iparm[kIparmInputFormat] = on_root ? kFormatOnRoot : kFormatDistributed;
+    iparm[kIparmDomainFirst] = on_root ? 0 : firstRow;
+    iparm[kIparmDomainLast] = on_root ? 0 : lastRow;
+
+    std::fill(pt, pt + kParamCount, nullptr); // a fresh handle: the engine requires all zeros
+    last_error = 0;
+    last_phase = 0;
+    problem = LSMclusterSolver_input_problem();
+    // Deliberate: the state is left as it was, as LSMsolver::init leaves it.
+    return true;
+}
+
+bool LSMclusterSolver::all_ranks(bool local) const
+{
+    if (comm == MPI_COMM_NULL) // never initialized: nobody to agree with
+        return local;
+    int agreed = local ? 1 : 0;
+    MPI_Allreduce(MPI_IN_PLACE, &agreed, 1, MPI_INT, MPI_MIN, comm);
+    return agreed != 0;
+}
+
+bool LSMclusterSolver::factor()
+{
+    if (!all_ranks(may_factor(state)))
+        return false;
+    const auto engine = [this](int phase, int count, double* b, double* x) {
+        const int refused = check_input(phase);
+        return refused != 0 ? refused : call_engine(phase, count, b, x);
+    };
+    return factor_step(state, nrhs, engine);
+}
+
+bool LSMclusterSolver::refactor()
+{
+    if (!all_ranks(may_refactor(state)))
+        return false;
+    const auto engine = [this](int phase, int count, double* b, double* x) {
+        const int refused = check_input(phase);
+        return refused != 0 ? refused : call_engine(phase, count, b, x);
+    };
+    return refactor_step(state, nrhs, engine);
+}
+
+bool LSMclusterSolver::set_settings(const LSMsolver_settings& settings)
+{
+    bool ok = !holds_factorization(state) && settings_valid(settings) &&
+              settings.ordering != LSM_ORDERING_MINIMUM_DEGREE; // the engine has none
+    if (comm != MPI_COMM_NULL) { // every rank must pass rank 0's settings
+        const int mine[4] = {settings.scalingAndMatching ? 1 : 0, settings.pivotPerturbation,
+                             settings.ordering, settings.factorStatistics ? 1 : 0};
+        int root[4];
+        std::memcpy(root, mine, sizeof root);
+        MPI_Bcast(root, 4, MPI_INT, 0, comm);
+        ok = all_ranks(ok && std::equal(mine, mine + 4, root));
+    }
+    if (!ok)
+        return false; // a held analysis was made with the settings in force
+    apply_settings(settings, iparm);
+    return true;
+}
+
+LSMsolver_settings LSMclusterSolver::settings() const
+{
+    return settings_in(iparm);
+}
+
+LSMsolver_diagnostics LSMclusterSolver::diagnostics() const
+{
+    LSMsolver_diagnostics d;
+    d.error = last_error;
+    d.lastPhase = last_phase;
+    read_statistics(iparm, mtype, d);
+    return d;
+}
+
+LSMclusterSolver_input_problem LSMclusterSolver::input_problem() const
+{
+    return problem;
+}
+
+bool LSMclusterSolver::solve(KelMatrix& B, KelMatrix& X)
+{
+    const int rows = last - first + 1; // 0: a rank that holds no rows (init_on_root)
+    // Deliberate: X must already have B's shape; it is never re-dimensioned.
+    const bool shapes = B.GetColDim() == X.GetColDim() && B.GetRowDim() == X.GetRowDim() &&
+                        (rows == 0 || B.GetRowDim() == rows);
+    return solve_agreed(shapes, B.GetColDim(), B.GetElements(), X.GetElements());
+}
+
+bool LSMclusterSolver::solve(int count, double* b, double* x)
+{
+    return solve_agreed(true, count, b, x);
+}
+
+bool LSMclusterSolver::solve_agreed(bool local_ok, int count, double* b, double* x)
+{
+    // One reduction agrees on the state, the local checks and the count (its least and, negated,
+    // its greatest value over the ranks).
+    const bool ok = may_solve(state) && local_ok && count >= 0;
+    int agreed[3] = {ok ? 1 : 0, ok ? count : 0, ok ? -count : 0};
+    if (comm != MPI_COMM_NULL)
+        MPI_Allreduce(MPI_IN_PLACE, agreed, 3, MPI_INT, MPI_MIN, comm);
+    if (agreed[0] == 0 || agreed[1] != -agreed[2])
+        return false;
+    const auto engine = [this](int phase, int count, double* b, double* x) {
+        return call_engine(phase, count, b, x);
+    };
+    // Each right-hand side is this rank's rows of it: none on the ranks that hold no rows.
+    return solve_steps(state, count, nrhs, last - first + 1, b, x, engine);
+}
+
+bool LSMclusterSolver::clear()
+{
+    const auto engine = [this](int phase, int count, double* b, double* x) {
+        return call_engine(phase, count, b, x);
+    };
+    clear_step(state, nrhs, engine); // Deliberate: pt keeps its stale entries; init() zeroes them
+    return true;
+}
+
+int LSMclusterSolver::first_row() const
+{
+    return first;
+}
+
+int LSMclusterSolver::last_row() const
+{
+    return last;
+}
+
+int LSMclusterSolver::check_input(int phase)
+{
+    int rank = 0, ranks = 1;
+    MPI_Comm_rank(comm, &rank);
+    MPI_Comm_size(comm, &ranks);
+    LSMsolver_csr_check local; // the ranks that hold no rows have nothing to check
+    const int rows = last - first + 1;
+    if (rows > 0) {
+        const int nnz = ia != nullptr ? ia[rows] - 1 : 0;
+        local = LSMsolver_check_csr_rows(n, first, last, ia, ja, a, nnz, mtype);
+    }
+    // The lowest rank with a problem tells the others what it found.
+    int culprit = local.code == LSM_CSR_OK ? ranks : rank;
+    MPI_Allreduce(MPI_IN_PLACE, &culprit, 1, MPI_INT, MPI_MIN, comm);
+    problem = LSMclusterSolver_input_problem();
+    if (culprit == ranks)
+        return 0;
+    int found[3] = {local.code, local.row, local.position};
+    MPI_Bcast(found, 3, MPI_INT, culprit, comm);
+    const LSMsolver_csr_problem code = static_cast<LSMsolver_csr_problem>(found[0]);
+    problem.rank = culprit;
+    problem.check = {code, found[1], found[2], LSMsolver_csr_rule(code)};
+    last_error = kInputInconsistent; // recorded as the engine would: its code for bad input
+    last_phase = phase;
+    return kInputInconsistent;
+}
+
+int LSMclusterSolver::call_engine(int phase, int count, double* b, double* x)
+{
+    const int matrix_type = mtype;
+    const int fortran_comm = MPI_Comm_c2f(comm);
+    int perm = 0; // never read: iparm[4] = 0
+    int error = 0;
+    cluster_sparse_solver(pt, &kMaxfct, &kMnum, &matrix_type, &phase, &n, a, ia, ja, &perm, &count,
+                          iparm, &kMsglvl, b, x, &fortran_comm, &error);
+    // The least code stands for all: any rank's error is every rank's.
+    MPI_Allreduce(MPI_IN_PLACE, &error, 1, MPI_INT, MPI_MIN, comm);
+    last_error = error;
+    last_phase = phase;
+    return error;
+}
