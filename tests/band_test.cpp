@@ -5,9 +5,11 @@
 // truncation, untouched inputs, failures, the sign flip of a negative definite Schur complement).
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
 #include <random>
+#include <set>
 
 #include "kelmatrix/band.h"
 #include "test_util.h"
@@ -200,12 +202,24 @@ TEST(CyclicCholesky, ReadsOnlyTheUpperBorderedBandAndDropsPivots)
     for (int j = 0; j < n; ++j)
         for (int i = 0; i <= j; ++i)
             sym(i, j) = A(i, j);
+    KelMatrixBordered bd; // the pattern alone, in the library's bordered storage
+    ASSERT_EQ(bd.DimensionBordered(n, bw, m), KEL_BORDERED_OK);
+    kt::fill(bd, a);
+    kt::KelOf Bd(b);
     EXPECT_EQ(cyclic_Cholesky_factor(A, bw, m, 1e-10), m);
     EXPECT_EQ(cyclic_Cholesky_factor(sym, bw, m, 1e-10), m);
+    EXPECT_EQ(cyclic_Cholesky_factor(bd, bw, m, 1e-10), m);
     cyclic_Cholesky_subst(A, bw, m, B);
     cyclic_Cholesky_subst(sym, bw, m, Bs);
+    cyclic_Cholesky_subst(bd, bw, m, Bd);
     EXPECT_TRUE(kt::same_bits(kt::from_kel(Bs), kt::from_kel(B)));
+    EXPECT_TRUE(kt::same_bits(kt::from_kel(Bd), kt::from_kel(B)));
     EXPECT_TRUE(kt::same_bits(kt::upper_of(sym), kt::upper_of(A)));
+    for (int k = 0; k < n * n; ++k) // the factor where the pattern lies, 0 elsewhere
+        EXPECT_EQ(bd(k % n, k / n), is_read(k % n, k / n, nb, bw)   ? A(k % n, k / n)
+                                    : is_read(k / n, k % n, nb, bw) ? A(k / n, k % n)
+                                                                    : 0.0)
+            << k;
     for (int k = 0; k < n * n; ++k)
         EXPECT_EQ(is_read(k % n, k / n, nb, bw), !std::isnan(A(k % n, k / n))) << k;
     EXPECT_EQ(A(p, p), -1.0);
@@ -238,6 +252,57 @@ TEST(CyclicCholesky, EmptyAndFullBorder)
         cyclic_Cholesky_subst(A, bw, m, B);
         EXPECT_TRUE(kt::same_bits(kt::from_kel(B), x));
     }
+}
+
+// KelMatrixBordered: sizing rejects what it cannot hold and then changes nothing; each element
+// of the pattern has its own address and both (i, j) and (j, i) reach it; outside the pattern a
+// read gives 0 and a write is lost. A periodic system of order 400 (wrap-around of width 2 in a
+// border of 2) solves to a small residual against the full matrix formed here.
+TEST(BorderedStorage, SizingPatternAndPeriodicSolve)
+{
+    KelMatrixBordered A;
+    ASSERT_EQ(A.DimensionBordered(8, 2, 2), KEL_BORDERED_OK);
+    EXPECT_EQ(A.GetStorageSize(), 6 * 3 + 6 * 2 + 2 * 2);
+    const double* block = A.GetElements();
+    for (const auto& bad : {std::array<int, 4>{-1, 2, 1, KEL_BORDERED_NEGATIVE_SIZE},
+                            {8, -2, 1, KEL_BORDERED_NEGATIVE_SIZE},
+                            {3, 1, 4, KEL_BORDERED_BORDER_TOO_WIDE},
+                            {1 << 30, 2, 2, KEL_BORDERED_TOO_LARGE}}) {
+        EXPECT_EQ(A.DimensionBordered(bad[0], bad[1], bad[2]), bad[3]);
+        EXPECT_STRNE(KelMatrixBordered_message(bad[3]), KelMatrixBordered_message(KEL_BORDERED_OK));
+    }
+    A.Dimension(1, 1, 0, 5); // border 2 > order 1: rejected
+    EXPECT_TRUE(A.GetElements() == block && A.GetRowDim() == 8 && A.GetBorderSize() == 2);
+    std::set<const double*> seen;
+    for (int j = 0; j < 8; ++j)
+        for (int i = 0; i <= j; ++i)
+            if (j >= 6 || j - i <= 2) {
+                A(i, j) = 1.0 + i + 10 * j;
+                EXPECT_EQ(A(j, i), 1.0 + i + 10 * j);
+                EXPECT_TRUE(seen.insert(&A(j, i)).second);
+                EXPECT_TRUE(&A(i, j) >= block && &A(i, j) < block + A.GetStorageSize());
+            }
+    EXPECT_EQ(seen.size(), 6u * 3 - 3 + 6 * 2 + 3); // LAPACK's unused corner slots and (1, 0) left
+    A(0, 5) = 7.0;
+    EXPECT_EQ(A(5, 0), 0.0);
+    EXPECT_EQ(static_cast<const KelMatrixBordered&>(A)(0, 5), 0.0);
+
+    std::mt19937_64 rng(kt::seed() + 5);
+    SCOPED_TRACE(kt::seed_note());
+    const int n = 400, bw = 2, m = 2;
+    kt::Dense a(n, n);
+    for (int i = 0; i < n; ++i) {
+        a(i, i) = 6.0;
+        for (int d = 1; d <= bw; ++d)
+            a(i, (i + d) % n) = a((i + d) % n, i) = -1.0 / d;
+    }
+    const kt::Dense b = kt::random_dense(rng, n, 2);
+    kt::KelOf B(b);
+    ASSERT_EQ(A.DimensionBordered(n, bw, m), KEL_BORDERED_OK);
+    kt::fill(A, a);
+    EXPECT_EQ(cyclic_Cholesky_factor(A, bw, m, 1e-12), m);
+    cyclic_Cholesky_subst(A, bw, m, B);
+    EXPECT_LT(kt::residual_ratio(a, kt::from_kel(B), b), 30.0);
 }
 
 // A11 = I and a border of 2^-27: every sum over the band block is 2^-54 + 2^-54 = 2^-53 exactly,
