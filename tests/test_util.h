@@ -263,12 +263,13 @@ inline Dense minus(Dense a, const Dense& b)
     return a;
 }
 
-/// Columns first .. first + count - 1 of a.
-inline Dense column_block(const Dense& a, int first, int count)
+/// The leading rows x cols block of a.
+inline Dense leading(const Dense& a, int rows, int cols)
 {
-    Dense r(a.rows, count);
-    std::copy(a.v.begin() + std::size_t(first) * a.rows,
-              a.v.begin() + std::size_t(first + count) * a.rows, r.v.begin());
+    Dense r(rows, cols);
+    for (int j = 0; j < cols; ++j)
+        std::copy_n(a.v.begin() + std::size_t(j) * a.rows, rows,
+                    r.v.begin() + std::size_t(j) * rows);
     return r;
 }
 
