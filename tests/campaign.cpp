@@ -449,7 +449,7 @@ void least_squares(Case& c)
     c.keep(x);
     expect_ratio(kt::normal_equations_ratio(a, x, bs), name + " A'r");
     if (consistent)
-        expect_ratio(kt::consistent_ratio(a, x, bs, x0s), name);
+        expect_ratio(kt::residual_ratio(a, x, bs, &x0s), name);
 }
 
 /// Random symmetric, or Q diag(lambda) Q^T with clusters 1e-12 apart or half the spectrum 0.
