@@ -40,5 +40,19 @@ for threads in 1 2; do
     run bench_dense "$threads"
     run bench_sparse "$threads"
 done
+# The distributed solver on 1 and then 2 ranks of one thread each (against LSMsolver on one
+# process with as many threads), under mpirun with Open MPI's switches for root and 2 cores.
+if [ -x "$bin/bench_mpi" ]; then
+    for ranks in 1 2; do
+        echo "== bench_mpi, $ranks rank(s) x 1 thread"
+        if [ "$mode" = "--smoke" ]; then
+            OMP_NUM_THREADS=1 mpirun --allow-run-as-root --oversubscribe -np "$ranks" \
+                "$bin/bench_mpi" --smoke
+        else
+            OMP_NUM_THREADS=1 mpirun --allow-run-as-root --oversubscribe -np "$ranks" \
+                "$bin/bench_mpi" | tee "$out/bench_mpi-${ranks}r.txt"
+        fi
+    done
+fi
 uptime
 echo "bench: done in $(( $(date +%s) - start )) s"
