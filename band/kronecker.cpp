@@ -9,19 +9,20 @@
 // copies a failure leaves A, B and X as they were; without, A and B are factored in place and X's
 // own array is the first right-hand side (its trailing X.cols mod nA columns then hold B^-1 times
 // their input; with copies they keep it). The substitutions run the outer recurrence over the
-// blocks of U1 and one inner band substitution with U2 per block (Cholesky_forward_subst,
-// Cholesky_backward_subst), keeping the last w1 + 1 outer values in a ring buffer. A negative
+// blocks of U1 and one inner band substitution with U2 per block (band_substitution.h),
+// keeping the last w1 + 1 outer values in a ring buffer. A negative
 // diagonal of U1 (a dropped pivot) zeroes its block in every column. Deliberate: a zero diagonal
 // of U1 is divided by in the lower substitution but zeroes the block in the upper one, and the
-// w2 <= 0 defaults differ between the two. Every element goes through the element accessor, so
-// U1 and U2 may be dense or band; a KelMatrix or KelMatrixBanded (exactly those types) is
-// addressed directly, in the same order. The block transpositions work on the temporaries'
-// arrays tile by tile. All temporaries are local matrices released on every path.
+// w2 <= 0 defaults differ between the two. The recurrence is written once, through the element
+// accessor, so U1 and U2 may be dense, band or user storage; when direct_kronecker allows it,
+// the same recurrence runs on strided views with the inner substitution kernel. The block
+// transpositions work on the temporaries' arrays tile by tile. All temporaries are local
+// matrices released on every path.
 #include <algorithm>
 
 #include "band/band_substitution.h"
-#include "band/direct_access.h"
-#include "band/ordered_ops.h"
+#include "band/direct_kernels.h"
+#include "band/simd_pair.h"
 #include "kelmatrix/band.h"
 #include "kelmatrix/dense.h"
 
@@ -89,11 +90,10 @@ bool Solve_Kronecker(const KelMatrixBanded& A, const KelMatrixBanded& B, KelMatr
         return false;
 
     const long long ld = T1.GetRowDim();
-    if (has_direct_access(X) && !X.SymmetricQ()) {
-        const long long ldx = X.GetRowDim();
+    StridedView x;
+    if (direct_transpose(X, m * nA, x)) {
         for (int k = 0; k < m; ++k)
-            transpose(T1.GetElements() + ld * k * nB, ld, X.GetElements() + ldx * k * nA, ldx, nA,
-                      nB);
+            transpose(T1.GetElements() + ld * k * nB, ld, x.p + x.cs * k * nA, x.cs, nA, nB);
         return true;
     }
     const double* t1 = T1.GetElements();
@@ -115,12 +115,11 @@ inline int slot(int k, int w1, int q)
 }
 
 // z_i = (x_i - sum_{k<i} U1(k,i) z_k) / U1(i,i) with z_k = U2^T y_k: the ring keeps z, the values
-// between the division and the inner solve, of the last w1 + 1 blocks.
-template <class U1, class XA>
-void lower_substitute(int w1, int w2, U1& u1, KelGenericMatrix& U2, XA& x, KelMatrix& X,
-                      double* ring)
+// between the division and the inner solve, of the last w1 + 1 blocks. inner(off, c) solves
+// with U2 on rows off .. off + q - 1 of column c.
+template <class U1, class XA, class Inner>
+void lower_substitute(int p, int q, int w1, U1& u1, XA& x, int ncols, double* ring, Inner inner)
 {
-    const int p = u1.rows, q = U2.GetRowDim(), ncols = X.GetColDim();
     for (int c = 0; c < ncols; ++c) {
         for (int i = 0; i < p; ++i) {
             const double d = u1(i, i);
@@ -131,14 +130,14 @@ void lower_substitute(int w1, int w2, U1& u1, KelGenericMatrix& U2, XA& x, KelMa
                         const double f = u1(k, i);
                         const int sk = slot(k, w1, q);
                         for (int t = 0; t < q; ++t)
-                            x(i * q + t, c) -= mul(f, ring[sk + t]);
+                            x(i * q + t, c) -= f * ring[sk + t];
                     }
                 }
                 for (int t = 0; t < q; ++t) {
                     x(i * q + t, c) /= d;
                     ring[si + t] = x(i * q + t, c);
                 }
-                forward_columns(U2, q, w2, i * q, c, c + 1, X);
+                inner(i * q, c);
             } else {
                 for (int t = 0; t < q; ++t) {
                     ring[si + t] = 0.0;
@@ -150,11 +149,9 @@ void lower_substitute(int w1, int w2, U1& u1, KelGenericMatrix& U2, XA& x, KelMa
 }
 
 // The mirror image: z_i = (x_i - sum_{k>i} U1(i,k) z_k) / U1(i,i) with z_k = U2 y_k.
-template <class U1, class XA>
-void upper_substitute(int w1, int w2, U1& u1, KelGenericMatrix& U2, XA& x, KelMatrix& X,
-                      double* ring)
+template <class U1, class XA, class Inner>
+void upper_substitute(int p, int q, int w1, U1& u1, XA& x, int ncols, double* ring, Inner inner)
 {
-    const int p = u1.rows, q = U2.GetRowDim(), ncols = X.GetColDim();
     for (int c = 0; c < ncols; ++c) {
         for (int i = p - 1; i >= 0; --i) {
             const double d = u1(i, i);
@@ -165,14 +162,14 @@ void upper_substitute(int w1, int w2, U1& u1, KelGenericMatrix& U2, XA& x, KelMa
                         const double f = u1(i, k);
                         const int sk = slot(k, w1, q);
                         for (int t = 0; t < q; ++t)
-                            x(i * q + t, c) -= mul(f, ring[sk + t]);
+                            x(i * q + t, c) -= f * ring[sk + t];
                     }
                 }
                 for (int t = 0; t < q; ++t) {
                     x(i * q + t, c) /= d;
                     ring[si + t] = x(i * q + t, c);
                 }
-                backward_columns(U2, q, w2, i * q, c, c + 1, X);
+                inner(i * q, c);
             } else {
                 for (int t = 0; t < q; ++t) {
                     ring[si + t] = 0.0;
@@ -183,44 +180,39 @@ void upper_substitute(int w1, int w2, U1& u1, KelGenericMatrix& U2, XA& x, KelMa
     }
 }
 
-// The outer factor with its order: the virtual accessor or a direct view of its upper side.
-template <class Access> struct Outer {
-    Access& u;
-    int rows;
-    double& operator()(int i, int j) const { return u(i, j); }
-};
-
-// Runs the substitution with direct addressing where U1 and X allow it, else generically.
+// The recurrence through the accessors with the substitution interface, or on views with the
+// kernel when direct_kronecker allows it.
 template <bool Lower>
 void substitute(int w1, int w2, KelGenericMatrix& U1, KelGenericMatrix& U2, KelMatrix& X)
 {
-    const int q = U2.GetRowDim();
+    const int p = U1.GetRowDim(), q = U2.GetRowDim(), ncols = X.GetColDim();
     w2 = resolve_band_width(U2, w2); // what the inner substitution resolves at every block
     KelMatrix W;
     W.Dimension((w1 + 1) * q, 1, -1, -1);
     double* ring = W.GetElements(); // W(r, 0) lies at ring[r]: a plain column
 
-    auto run = [&](auto& outer, auto& x) {
+    auto run = [&](auto& u1, auto& x, auto inner) {
         if (Lower)
-            lower_substitute(w1, w2, outer, U2, x, X, ring);
+            lower_substitute(p, q, w1, u1, x, ncols, ring, inner);
         else
-            upper_substitute(w1, w2, outer, U2, x, X, ring);
+            upper_substitute(p, q, w1, u1, x, ncols, ring, inner);
     };
-    if (has_direct_access(U1) && has_direct_access(X)) {
-        StridedView u1 = direct_access(U1).side(true); // U1 is read at i <= j only
-        Outer<StridedView> outer{u1, U1.GetRowDim()};
-        DirectAccess xd = direct_access(X);
-        if (xd.symmetric) {
-            run(outer, xd);
-        } else {
-            StridedView x = xd.side(true); // nothing is mirrored
-            run(outer, x);
-        }
+    StridedView u1, u2, x;
+    if (direct_kronecker(U1, w1, U2, w2, X, u1, u2, x)) {
+        run(u1, x, [&](int off, int c) {
+            if (Lower)
+                forward_kernel(u2, q, w2, x, off, c, c + 1);
+            else
+                backward_kernel(u2, q, w2, x, off, c, c + 1);
+        });
         return;
     }
-    Outer<KelGenericMatrix> outer{U1, U1.GetRowDim()};
-    KelGenericMatrix& x = X;
-    run(outer, x);
+    run(U1, X, [&](int off, int c) {
+        if (Lower)
+            forward_substitute(U2, w2, X, off, c, c + 1);
+        else
+            backward_substitute(U2, w2, X, off, c, c + 1);
+    });
 }
 
 } // namespace

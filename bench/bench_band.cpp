@@ -49,47 +49,16 @@ void counted_free(void* p) noexcept
 
 } // namespace
 
+// The plain and sized forms; the standard library's array and nothrow forms call them.
 void* operator new(std::size_t n)
 {
     return counted_alloc(n);
-}
-void* operator new[](std::size_t n)
-{
-    return counted_alloc(n);
-}
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept
-{
-    try {
-        return counted_alloc(n);
-    } catch (...) {
-        return nullptr;
-    }
-}
-void* operator new[](std::size_t n, const std::nothrow_t& t) noexcept
-{
-    return operator new(n, t);
 }
 void operator delete(void* p) noexcept
 {
     counted_free(p);
 }
-void operator delete[](void* p) noexcept
-{
-    counted_free(p);
-}
 void operator delete(void* p, std::size_t) noexcept
-{
-    counted_free(p);
-}
-void operator delete[](void* p, std::size_t) noexcept
-{
-    counted_free(p);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept
-{
-    counted_free(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept
 {
     counted_free(p);
 }
@@ -114,15 +83,6 @@ void fill_spd_band(KelGenericMatrix& A, int n, int bw, unsigned seed)
         }
     for (int i = 0; i < n; ++i)
         A(i, i) = rowsum[i];
-}
-
-void fill_random(KelMatrix& B, int rows, int cols, unsigned seed)
-{
-    std::mt19937_64 rng(seed);
-    std::uniform_real_distribution<double> u(-1.0, 1.0);
-    B.Dimension(rows, cols, -1, -1);
-    for (int k = 0; k < B.GetStorageSize(); ++k)
-        B.GetElements()[k] = u(rng);
 }
 
 // ---- band Cholesky vs dpbtrf / dpbtrs ----
@@ -158,7 +118,7 @@ void band_subst(benchmark::State& state, int n, int bw, int nrhs)
     Cholesky_factor(A, bw, kTol);
     dpbtrf(&kUpper, &n, &bw, R.GetElements(), &ldab, &info, 1);
     KelMatrix B0, B, RB;
-    fill_random(B0, n, nrhs, 3);
+    kb::fill_random(B0, n, nrhs, 3);
     const std::vector<double> b0 = kb::storage_of(B0);
     B.Dimension(n, nrhs, -1, -1);
     RB.Dimension(n, nrhs, -1, -1);
@@ -203,7 +163,7 @@ void dense_subst(benchmark::State& state, int n, int nrhs)
     Cholesky_factor(A, n, kTol);
     dpotrf(&kUpper, &n, R.GetElements(), &n, &info, 1);
     KelMatrix B0, B, RB;
-    fill_random(B0, n, nrhs, 6);
+    kb::fill_random(B0, n, nrhs, 6);
     const std::vector<double> b0 = kb::storage_of(B0);
     B.Dimension(n, nrhs, -1, -1);
     RB.Dimension(n, nrhs, -1, -1);
@@ -271,7 +231,7 @@ void cyclic(benchmark::State& state, int n, int bw, int m, bool periodic)
     KelMatrixBanded L; // the same plain band through LAPACK, for context
     L.Dimension(n, n, 0, bw);
     KelMatrix B0, B, PB, LB;
-    fill_random(B0, n, 1, 7);
+    kb::fill_random(B0, n, 1, 7);
     const std::vector<double> b0 = kb::storage_of(B0);
     B.Dimension(n, 1, -1, -1);
     PB.Dimension(n, 1, -1, -1);
@@ -330,7 +290,7 @@ void solve_bsp_cyclic(benchmark::State& state, int n, int bw, int m)
     A.SetZero();
     fill_periodic(A, n, bw);
     C.Dimension(n, n, -1, -1);
-    fill_random(B0, n, 1, 8);
+    kb::fill_random(B0, n, 1, 8);
     const std::vector<double> b0 = kb::storage_of(B0);
     B.Dimension(n, 1, -1, -1);
     bool ok = true;
@@ -366,7 +326,7 @@ struct KronData {
         a0 = kb::storage_of(A);
         b0 = kb::storage_of(B);
         KelMatrix X;
-        fill_random(X, nB, groups * nA, 11);
+        kb::fill_random(X, nB, groups * nA, 11);
         x0 = kb::storage_of(X);
     }
 };

@@ -14,19 +14,10 @@ namespace {
 
 const char kUpper = 'U', kNo = 'N', kVectors = 'V';
 
-void fill_random(KelMatrix& M, int rows, int cols, unsigned seed)
-{
-    std::mt19937_64 rng(seed);
-    std::uniform_real_distribution<double> u(-1.0, 1.0);
-    M.Dimension(rows, cols, -1, -1);
-    for (int k = 0; k < M.GetStorageSize(); ++k)
-        M.GetElements()[k] = u(rng);
-}
-
 // SPD: symmetric random with the diagonal raised to dominance.
 void fill_spd(KelMatrix& A, int n, unsigned seed)
 {
-    fill_random(A, n, n, seed);
+    kb::fill_random(A, n, n, seed);
     for (int j = 0; j < n; ++j)
         for (int i = j + 1; i < n; ++i)
             A(i, j) = A(j, i);
@@ -37,8 +28,8 @@ void fill_spd(KelMatrix& A, int n, unsigned seed)
 void product(benchmark::State& state, int n)
 {
     KelMatrix A, B, C, R;
-    fill_random(A, n, n, 1);
-    fill_random(B, n, n, 2);
+    kb::fill_random(A, n, n, 1);
+    kb::fill_random(B, n, n, 2);
     R.Dimension(n, n, -1, -1);
     const double one = 1.0, zero = 0.0;
     kb::compare(state, {nullptr, [&] { Product(A, B, false, false, C); }},
@@ -53,8 +44,8 @@ void product(benchmark::State& state, int n)
 void solve_general(benchmark::State& state, int n, int nrhs)
 {
     KelMatrix A, B, X, RA, RB;
-    fill_random(A, n, n, 3);
-    fill_random(B, n, nrhs, 4);
+    kb::fill_random(A, n, n, 3);
+    kb::fill_random(B, n, nrhs, 4);
     RA.Dimension(n, n, -1, -1);
     RB.Dimension(n, nrhs, -1, -1);
     std::vector<int> ipiv(n);
@@ -76,7 +67,7 @@ void solve_spd(benchmark::State& state, int n, int nrhs, int copy)
 {
     KelMatrix A0, B0, A, B, X, RA, RB;
     fill_spd(A0, n, 5);
-    fill_random(B0, n, nrhs, 6);
+    kb::fill_random(B0, n, nrhs, 6);
     A = A0;
     B = B0;
     RA = A0;
@@ -117,7 +108,7 @@ void solve_band_spd(benchmark::State& state, int n, int kd, int nrhs, int copy)
     }
     RA.Dimension(n, n, 0, kd);
     KelMatrix B0, B, X, RB;
-    fill_random(B0, n, nrhs, 8);
+    kb::fill_random(B0, n, nrhs, 8);
     B = B0;
     RB = B0;
     const std::vector<double> a0 = kb::storage_of(A), b0 = kb::storage_of(B0);
@@ -168,8 +159,8 @@ void eigenproblem(benchmark::State& state, int n)
 void min_norm_least_squares(benchmark::State& state, int n, int nrhs)
 {
     KelMatrix A0, B, X, A, RA, RB;
-    fill_random(A0, n, n, 10);
-    fill_random(B, n, nrhs, 11);
+    kb::fill_random(A0, n, n, 10);
+    kb::fill_random(B, n, nrhs, 11);
     const std::vector<double> a0 = kb::storage_of(A0);
     A = A0;
     RA = A0;

@@ -5,9 +5,10 @@
 // the same iteration, alternating which of the two runs first; inputs are rebuilt outside the
 // timed region. The reported counters are the medians of the library's and the reference's
 // times over all iterations (>= 5 unless stated), their ratio, and the smallest and largest
-// per-iteration ratio; Google Benchmark's own time column is the library's time. Command line: --threads=N fixes MKL's and the sparse solver's
-// thread count (recorded in the context and in every case), --smoke shrinks every size and runs
-// one iteration, for CI; everything else goes to Google Benchmark.
+// per-iteration ratio; Google Benchmark's own time column is the library's time. Command line:
+// --threads=N fixes MKL's and the sparse solver's thread count (recorded in the context and in
+// every case), --smoke shrinks every size and runs one iteration, for CI; everything else goes to
+// Google Benchmark.
 #ifndef KELMATRIX_BENCH_UTIL_H
 #define KELMATRIX_BENCH_UTIL_H
 
@@ -18,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -62,6 +64,16 @@ inline double median(std::vector<double> v)
     std::sort(v.begin(), v.end());
     const std::size_t h = v.size() / 2;
     return v.size() % 2 ? v[h] : 0.5 * (v[h - 1] + v[h]);
+}
+
+/// M := rows x cols of uniform values in [-1, 1] from seed.
+inline void fill_random(KelMatrix& M, int rows, int cols, unsigned seed)
+{
+    std::mt19937_64 rng(seed);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    M.Dimension(rows, cols, -1, -1);
+    for (int k = 0; k < M.GetStorageSize(); ++k)
+        M.GetElements()[k] = u(rng);
 }
 
 /// One side of a comparison: setup (untimed) builds fresh inputs, run is timed.

@@ -35,9 +35,9 @@ int spdMatrixCholeskyFactorization(KelMatrix& A, int copyInputs)
 
     // Deliberate: only copyInputs == 1 copies; 0, 2, -1 factor in place.
     AlignedBuffer a_copy;
-    double* a = copyInputs == 1 ? a_copy.copy_of(A, count(n, n)) : A.GetElements();
+    double* a = copyInputs == 1 ? a_copy.copy_of_at_least(A, count(n, n)) : A.GetElements();
 
-    dpotrf(&uplo, &n, a, &lda, &info, 1);
+    dpotrf(&uplo, &n, a, &lda, &info, kCharLen);
     if (info == 0)
         copy_storage_from(A, a);
     return info;
@@ -50,9 +50,9 @@ bool spdBandMatrixCholeskyFactorization(KelMatrixBanded& A, int copyInputs)
 
     // Deliberate: only copyInputs == 1 copies.
     AlignedBuffer ab_copy;
-    double* ab = copyInputs == 1 ? ab_copy.copy_of(A, count(ldab, n)) : A.GetElements();
+    double* ab = copyInputs == 1 ? ab_copy.copy_of_at_least(A, count(ldab, n)) : A.GetElements();
 
-    dpbtrf(&uplo, &n, &kd, ab, &ldab, &info, 1);
+    dpbtrf(&uplo, &n, &kd, ab, &ldab, &info, kCharLen);
     if (info == 0)
         copy_storage_from(A, ab);
     return info == 0; // Deliberate: bool, where the dense factorization returns info
@@ -66,9 +66,9 @@ int spdCholeskySubstitute(KelMatrix& U, KelMatrix& B, KelMatrix& X, int copyInpu
 
     // Deliberate: any non-zero copyInputs copies B; the factor is never copied.
     AlignedBuffer b_copy;
-    double* b = copyInputs ? b_copy.copy_of(B, count(n, nrhs)) : B.GetElements();
+    double* b = copyInputs ? b_copy.copy_of_at_least(B, count(n, nrhs)) : B.GetElements();
 
-    dpotrs(&uplo, &n, &nrhs, U.GetElements(), &lda, b, &ldb, &info, 1);
+    dpotrs(&uplo, &n, &nrhs, U.GetElements(), &lda, b, &ldb, &info, kCharLen);
     if (info == 0)
         take_solution(X, n, nrhs, b);
     return info;
@@ -82,9 +82,9 @@ bool spdBandCholeskySubstitute(KelMatrixBanded& U, KelMatrix& B, KelMatrix& X, i
 
     // Deliberate: any non-zero copyInputs copies B; the factor is never copied.
     AlignedBuffer b_copy;
-    double* b = copyInputs ? b_copy.copy_of(B, count(n, nrhs)) : B.GetElements();
+    double* b = copyInputs ? b_copy.copy_of_at_least(B, count(n, nrhs)) : B.GetElements();
 
-    dpbtrs(&uplo, &n, &kd, &nrhs, U.GetElements(), &ldab, b, &ldb, &info, 1);
+    dpbtrs(&uplo, &n, &kd, &nrhs, U.GetElements(), &ldab, b, &ldb, &info, kCharLen);
     if (info == 0)
         take_solution(X, n, nrhs, b);
     return info == 0; // Deliberate: bool, where the dense substitution returns info
@@ -97,9 +97,9 @@ int symmPositiveDefiniteInverse(KelMatrix& A, int copyInputs)
 
     // Deliberate: only copyInputs == 1 copies.
     AlignedBuffer a_copy;
-    double* a = copyInputs == 1 ? a_copy.copy_of(A, count(n, n)) : A.GetElements();
+    double* a = copyInputs == 1 ? a_copy.copy_of_at_least(A, count(n, n)) : A.GetElements();
 
-    dpotri(&uplo, &n, a, &lda, &info, 1);
+    dpotri(&uplo, &n, a, &lda, &info, kCharLen);
     if (info != 0)
         return info; // no write-back, no mirroring
     copy_storage_from(A, a);
@@ -123,10 +123,11 @@ int solveUpperTriangularBandSystem(const KelMatrixBanded& U, bool transpose, con
     // const B's own array (the allocation-free path).
     AlignedBuffer ab_copy, b_copy;
     const bool copy = copyInputs == 1;
-    double* ab = copy ? ab_copy.copy_of(U, count(ldab, n)) : U.GetElements();
-    double* b = copy ? b_copy.copy_of(B, count(n, nrhs)) : B.GetElements();
+    double* ab = copy ? ab_copy.copy_of_at_least(U, count(ldab, n)) : U.GetElements();
+    double* b = copy ? b_copy.copy_of_at_least(B, count(n, nrhs)) : B.GetElements();
 
-    dtbtrs(&uplo, &trans, &diag, &n, &kd, &nrhs, ab, &ldab, b, &ldb, &info, 1, 1, 1);
+    dtbtrs(&uplo, &trans, &diag, &n, &kd, &nrhs, ab, &ldab, b, &ldb, &info, kCharLen, kCharLen,
+           kCharLen);
     if (info == 0)
         take_solution(X, n, nrhs, b);
     return info;

@@ -19,10 +19,9 @@ using kelmatrix::internal::AlignedBuffer;
 using kelmatrix::internal::take_solution;
 
 void kel_dgels(const char* trans, const int& m, const int& n, const int& nrhs, double* a,
-               const int& lda, double* b, const int& ldb, double* work, const int& lwork,
-               int& info)
+               const int& lda, double* b, const int& ldb, double* work, const int& lwork, int& info)
 {
-    dgels(trans, &m, &n, &nrhs, a, &lda, b, &ldb, work, &lwork, &info, 1);
+    dgels(trans, &m, &n, &nrhs, a, &lda, b, &ldb, work, &lwork, &info, kCharLen);
 }
 
 bool SolveLS(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
@@ -33,15 +32,15 @@ bool SolveLS(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
     int lda = m, ldb = B.GetRowDim(), info = 0;
 
     AlignedBuffer a_copy, b_copy;
-    double* a = a_copy.copy_of(A, A.GetStorageSize());
+    double* a = a_copy.copy_of_at_least(A, A.GetStorageSize());
     // Room for the ldb x nrhs array dgels works in, which exceeds B when X has more columns
     // than B: those extra columns are then solved from whatever the buffer holds.
-    double* b = b_copy.copy_of(B, static_cast<long long>(ldb) * nrhs);
+    double* b = b_copy.copy_of_at_least(B, static_cast<long long>(ldb) * nrhs);
     // A fixed workspace, above dgels's minimum, saves the query call; a plain array will do.
     int lwork = 2 * (m + n + nrhs);
     std::vector<double> work(static_cast<std::size_t>(lwork > 0 ? lwork : 0));
 
-    dgels(&trans, &m, &n, &nrhs, a, &lda, b, &ldb, work.data(), &lwork, &info, 1);
+    dgels(&trans, &m, &n, &nrhs, a, &lda, b, &ldb, work.data(), &lwork, &info, kCharLen);
     if (info != 0)
         return false; // X untouched
     // Deliberate: the column stride is m, not ldb (they agree when B has m rows, as it must);
@@ -76,8 +75,8 @@ bool MinNormLeastSquares(KelMatrix& A, KelMatrix& B, int* jpvt, double rcond, in
 
     lwork = static_cast<int>(optimum); // truncated
     AlignedBuffer work(lwork);
-    dgelsy(&m, &n, &nrhs, A.GetElements(), &lda, b, &ldb, jpvt, &rcond, &rank, work.data(),
-           &lwork, &info);
+    dgelsy(&m, &n, &nrhs, A.GetElements(), &lda, b, &ldb, jpvt, &rcond, &rank, work.data(), &lwork,
+           &info);
     if (info != 0)
         return false; // X untouched; jpvt as dgelsy left it, still 1-based
 

@@ -6,7 +6,8 @@
 // copy for any non-zero copyInputs; with 0 the driver works in A's and B's own arrays, through
 // the const references (deliberate: the allocation-free path for callers done with A and B), so
 // A then holds the factor and B the solution. On success X takes B's shape (not n x nrhs) and
-// receives the solution; on failure X is left as it was.
+// receives the solution; on failure X is left as it was. X may be B itself: with copyInputs = 0
+// the solution is then in X's own old block, which is released only after the copy.
 #include <algorithm>
 #include <vector>
 
@@ -23,9 +24,9 @@ bool Solve(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
     int info = 0;
 
     AlignedBuffer a_copy, b_copy;
-    double* a = a_copy.copy_of(A, A.GetStorageSize());
+    double* a = a_copy.copy_of_at_least(A, A.GetStorageSize());
     std::vector<int> ipiv(static_cast<std::size_t>(std::max(n, 0)));
-    double* b = b_copy.copy_of(B, B.GetStorageSize());
+    double* b = b_copy.copy_of_at_least(B, B.GetStorageSize());
 
     dgesv(&n, &nrhs, a, &lda, ipiv.data(), b, &ldb, &info);
     if (info != 0)
@@ -42,10 +43,10 @@ bool Solve(const KelMatrixBanded& A, const KelMatrix& B, KelMatrix& X)
     // The band layout already reserves dgbsv's kl fill-in rows; the buffer is sized so the
     // driver may use its full ldab x n array.
     AlignedBuffer ab_copy, b_copy;
-    double* ab = ab_copy.copy_of(
+    double* ab = ab_copy.copy_of_at_least(
         A, std::max<long long>(A.GetStorageSize(), static_cast<long long>(ldab) * n));
     std::vector<int> ipiv(static_cast<std::size_t>(std::max(n, 0)));
-    double* b = b_copy.copy_of(B, B.GetStorageSize());
+    double* b = b_copy.copy_of_at_least(B, B.GetStorageSize());
 
     dgbsv(&n, &kl, &ku, &nrhs, ab, &ldab, ipiv.data(), b, &ldb, &info);
     if (info != 0)
@@ -61,11 +62,13 @@ bool SolveSP(const KelMatrix& A, const KelMatrix& B, KelMatrix& X, int copyInput
 
     // Deliberate: any non-zero copyInputs copies; 0 works in A's and B's own arrays.
     AlignedBuffer a_copy, b_copy;
-    double* a = copyInputs ? a_copy.copy_of(A, static_cast<long long>(n) * n) : A.GetElements();
-    double* b = copyInputs ? b_copy.copy_of(B, static_cast<long long>(B.GetRowDim()) * nrhs)
-                           : B.GetElements();
+    double* a =
+        copyInputs ? a_copy.copy_of_at_least(A, static_cast<long long>(n) * n) : A.GetElements();
+    double* b = copyInputs
+                    ? b_copy.copy_of_at_least(B, static_cast<long long>(B.GetRowDim()) * nrhs)
+                    : B.GetElements();
 
-    dposv(&uplo, &n, &nrhs, a, &lda, b, &ldb, &info, 1);
+    dposv(&uplo, &n, &nrhs, a, &lda, b, &ldb, &info, kCharLen);
     if (info != 0)
         return false;
     take_solution(X, B.GetRowDim(), B.GetColDim(), b);
@@ -81,12 +84,13 @@ bool SolveBSP(const KelMatrixBanded& A, const KelMatrix& B, KelMatrix& X, int co
     // A is read as LAPACK upper band storage: exactly the band layout with kl = 0.
     // Deliberate: any non-zero copyInputs copies; 0 works in A's and B's own arrays.
     AlignedBuffer ab_copy, b_copy;
-    double* ab =
-        copyInputs ? ab_copy.copy_of(A, static_cast<long long>(ldab) * n) : A.GetElements();
-    double* b = copyInputs ? b_copy.copy_of(B, static_cast<long long>(B.GetRowDim()) * nrhs)
-                           : B.GetElements();
+    double* ab = copyInputs ? ab_copy.copy_of_at_least(A, static_cast<long long>(ldab) * n)
+                            : A.GetElements();
+    double* b = copyInputs
+                    ? b_copy.copy_of_at_least(B, static_cast<long long>(B.GetRowDim()) * nrhs)
+                    : B.GetElements();
 
-    dpbsv(&uplo, &n, &kd, &nrhs, ab, &ldab, b, &ldb, &info, 1);
+    dpbsv(&uplo, &n, &kd, &nrhs, ab, &ldab, b, &ldb, &info, kCharLen);
     if (info != 0)
         return false;
     take_solution(X, B.GetRowDim(), B.GetColDim(), b);

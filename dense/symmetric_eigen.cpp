@@ -23,8 +23,8 @@ bool EigenValuesS(const KelMatrix& A, double* eigenvalues, KelMatrix* Z, int cop
 
     // Deliberate: any non-zero copyInputs packs into a private copy; 0 packs into A's own array.
     AlignedBuffer ap_copy;
-    double* ap = copyInputs ? ap_copy.allocate(static_cast<long long>(n) * (n + 1) / 2)
-                            : A.GetElements();
+    double* ap =
+        copyInputs ? ap_copy.allocate(static_cast<long long>(n) * (n + 1) / 2) : A.GetElements();
     // Upper triangle column by column. In place this is safe: every packed position lies at or
     // before its dense one and the loop runs forward. Deliberate: the source stride is A.cols.
     const double* a = A.GetElements();
@@ -37,7 +37,7 @@ bool EigenValuesS(const KelMatrix& A, double* eigenvalues, KelMatrix* Z, int cop
     double* z = Z ? z_buf.allocate(static_cast<long long>(n) * n) : nullptr;
     double* work = work_buf.allocate(3LL * n);
 
-    dspev(&jobz, &uplo, &n, ap, eigenvalues, z, &ldz, work, &info, 1, 1);
+    dspev(&jobz, &uplo, &n, ap, eigenvalues, z, &ldz, work, &info, kCharLen, kCharLen);
     if (info == 0 && Z) {
         Z->Dimension(n, n, -1, -1);
         copy_storage_from(*Z, z);
@@ -52,13 +52,13 @@ int spdmEigenproblem(const KelMatrix& A, KelMatrix& W, KelMatrix& Z, int copyInp
 
     // Deliberate: only copyInputs == 1 copies; otherwise dsyev leaves the eigenvectors in A.
     AlignedBuffer a_copy;
-    double* a = copyInputs == 1 ? a_copy.copy_of(A, static_cast<long long>(n) * n)
+    double* a = copyInputs == 1 ? a_copy.copy_of_at_least(A, static_cast<long long>(n) * n)
                                 : A.GetElements();
     // dsyev's minimum workspace: one call, no query.
     int lwork = 3 * n - 1;
     AlignedBuffer w(n), work(lwork);
 
-    dsyev(&jobz, &uplo, &n, a, &lda, w.data(), work.data(), &lwork, &info, 1, 1);
+    dsyev(&jobz, &uplo, &n, a, &lda, w.data(), work.data(), &lwork, &info, kCharLen, kCharLen);
     if (info == 0) {
         // Deliberate: W (n x 1) and Z (n x n) keep the shapes the caller gave them.
         copy_storage_from(W, w.data());

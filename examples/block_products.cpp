@@ -77,7 +77,8 @@ int main(int argc, char** argv)
         for (int i = j + 1; i < n; ++i)
             K(i, j) = K(j, i);
 
-    std::printf("block_products: n = %d, band (kl = ku = 1) and packed matrices converted to dense\n", n);
+    std::printf(
+        "block_products: n = %d, band (kl = ku = 1) and packed matrices converted to dense\n", n);
     int failures = 0;
     struct Case {
         const char* what;
@@ -91,8 +92,9 @@ int main(int argc, char** argv)
         double naive_s = 0.0;
         // L and K are symmetric, so all three products equal L K.
         const double err = relative_error(L, K, C, &naive_s);
-        std::printf("  %-8s dgemm %8.4f s   naive loops %8.4f s (%.0fx)   rel. error %.2e %s\n", c.what,
-                    dgemm_s, naive_s, naive_s / dgemm_s, err, err <= bound ? "ok" : "FAILED");
+        std::printf("  %-8s dgemm %8.4f s   naive loops %8.4f s (%.0fx)   rel. error %.2e %s\n",
+                    c.what, dgemm_s, naive_s, naive_s / dgemm_s, err,
+                    err <= bound ? "ok" : "FAILED");
         failures += err > bound;
     }
     return failures == 0 ? 0 : 1;

@@ -67,7 +67,8 @@ int main(int argc, char** argv)
         for (int c = 0; c < 2; ++c)
             rhs(i, c) = 6.0 * (P((i + 1) % n, c) - 2.0 * P(i, c) + P((i + n - 1) % n, c)) / (h * h);
 
-    // Upper triangle of the cyclic matrix: band block 0 .. N-2 (half-bandwidth 1), border column N-1.
+    // Upper triangle of the cyclic matrix: band block 0 .. N-2 (half-bandwidth 1), border column
+    // N-1.
     A.Dimension(n, n, -1, -1);
     A.SetZero();
     for (int i = 0; i < n; ++i) {
@@ -77,7 +78,8 @@ int main(int argc, char** argv)
     }
     A(0, n - 1) = 1.0; // the wrap-around coupling lies in the border
 
-    std::printf("closed_curve: periodic cubic spline through %d points of the ellipse x^2/%g + y^2/%g = 1\n",
+    std::printf("closed_curve: periodic cubic spline through %d points of the ellipse x^2/%g + "
+                "y^2/%g = 1\n",
                 n, a * a, b * b);
 
     KelMatrix M1;
@@ -114,13 +116,17 @@ int main(int argc, char** argv)
                               ok_dense ? std::fabs(M3(i, c) - M2(i, c)) / a : INFINITY});
     const double bound = 5.0 / 384.0 * std::pow(h, 4) * std::max(a, b) + 1e-13;
 
-    std::printf("  SolveBSP_Cyclic (LAPACK band + Schur complement): %8.5f s  %s\n", t_driver, ok ? "ok" : "FAILED");
-    std::printf("  cyclic_Cholesky_factor + subst (native):          %8.5f s  Schur rank %d of 1\n", t_native,
-                schur_rank);
-    std::printf("  naive dense LU (dgesv) on the full matrix:         %8.5f s  %s (%.0fx the native time)\n",
+    std::printf("  SolveBSP_Cyclic (LAPACK band + Schur complement): %8.5f s  %s\n", t_driver,
+                ok ? "ok" : "FAILED");
+    std::printf("  cyclic_Cholesky_factor + subst (native):          %8.5f s  Schur rank %d of 1\n",
+                t_native, schur_rank);
+    std::printf("  naive dense LU (dgesv) on the full matrix:         %8.5f s  %s (%.0fx the "
+                "native time)\n",
                 t_dense, ok_dense ? "ok" : "FAILED", t_dense / std::max(t_native, 1e-9));
-    std::printf("  max error against the true ellipse: %.3e (driver), %.3e (native); bound (5/384) h^4 max|f''''| = %.3e\n",
+    std::printf("  max error against the true ellipse: %.3e (driver), %.3e (native); bound (5/384) "
+                "h^4 max|f''''| = %.3e\n",
                 e1, e2, bound);
-    std::printf("  max difference between the three second-derivative solutions / a: %.2e\n", agree);
+    std::printf("  max difference between the three second-derivative solutions / a: %.2e\n",
+                agree);
     return ok && schur_rank == 1 && e1 <= bound && e2 <= bound && agree <= 1e-12 ? 0 : 1;
 }

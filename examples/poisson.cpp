@@ -81,7 +81,8 @@ int main(int argc, char** argv)
             }
     const double t_assemble = seconds_since(t0);
 
-    // Right-hand sides h^2 f_k for the modes (a, b, c) = (1 + k mod 4, 1 + k / 4 mod 4, 1 + k / 16).
+    // Right-hand sides h^2 f_k for the modes (a, b, c) = (1 + k mod 4, 1 + k / 4 mod 4, 1 + k /
+    // 16).
     struct Mode {
         int a, b, c;
     };
@@ -96,7 +97,8 @@ int main(int argc, char** argv)
         for (int k = 0; k < nz; ++k)
             for (int j = 0; j < n; ++j)
                 for (int i = 0; i < n; ++i) {
-                    double u = std::sin(md.a * kPi * (i + 1) * h) * std::sin(md.b * kPi * (j + 1) * h);
+                    double u =
+                        std::sin(md.a * kPi * (i + 1) * h) * std::sin(md.b * kPi * (j + 1) * h);
                     if (dim == 3)
                         u *= std::sin(md.c * kPi * (k + 1) * h);
                     F(id(i, j, k), r) = h * h * lambda * u;
@@ -123,13 +125,16 @@ int main(int argc, char** argv)
     const double t_one = seconds_since(t0);
     solver.clear();
 
-    std::printf("poisson: %dd, %d^%d = %d unknowns, %zu stored entries, %d right-hand sides in batches of %d, %d thread(s), %d refinement steps at most\n",
-                dim, n, dim, N, a.size(), nrhs, batch, LSMsolver::establish_numthreads(0), refinement);
+    std::printf("poisson: %dd, %d^%d = %d unknowns, %zu stored entries, %d right-hand sides in "
+                "batches of %d, %d thread(s), %d refinement steps at most\n",
+                dim, n, dim, N, a.size(), nrhs, batch, LSMsolver::establish_numthreads(0),
+                refinement);
     std::printf("  perturbed pivots %d\n", solver.diagnostics().perturbedPivots);
-    std::printf("  assembly %.3f s, PARDISO factor %.3f s, solve %.3f s (%.4f s per right-hand side)\n",
-                t_assemble, t_factor, t_solve, t_solve / nrhs);
-    std::printf("  naive route, one right-hand side per call: %.3f s (%.2fx the batched time)\n", t_one,
-                t_one / std::max(t_solve, 1e-9));
+    std::printf(
+        "  assembly %.3f s, PARDISO factor %.3f s, solve %.3f s (%.4f s per right-hand side)\n",
+        t_assemble, t_factor, t_solve, t_solve / nrhs);
+    std::printf("  naive route, one right-hand side per call: %.3f s (%.2fx the batched time)\n",
+                t_one, t_one / std::max(t_solve, 1e-9));
     if (!solved || !solved_one) {
         std::printf("  FAILED: the sparse solver reported an error\n");
         return 1;
@@ -154,12 +159,18 @@ int main(int argc, char** argv)
             grid_max = std::max(grid_max, std::fabs(u));
             // residual of the symmetric operator: diagonal and all neighbours
             double Au = 2.0 * dim * U(row, r);
-            if (i > 0) Au -= U(row - 1, r);
-            if (i + 1 < n) Au -= U(row + 1, r);
-            if (j > 0) Au -= U(row - n, r);
-            if (j + 1 < n) Au -= U(row + n, r);
-            if (dim == 3 && k > 0) Au -= U(row - n * n, r);
-            if (dim == 3 && k + 1 < n) Au -= U(row + n * n, r);
+            if (i > 0)
+                Au -= U(row - 1, r);
+            if (i + 1 < n)
+                Au -= U(row + 1, r);
+            if (j > 0)
+                Au -= U(row - n, r);
+            if (j + 1 < n)
+                Au -= U(row + n, r);
+            if (dim == 3 && k > 0)
+                Au -= U(row - n * n, r);
+            if (dim == 3 && k + 1 < n)
+                Au -= U(row + n * n, r);
             res = std::max(res, std::fabs(F(row, r) - Au));
             umax = std::max(umax, std::fabs(U(row, r)));
         }
@@ -172,12 +183,15 @@ int main(int argc, char** argv)
         worst_res = std::max(worst_res, res / (4.0 * dim * umax * 2.220446049250313e-16 * N));
         if (r < 4 || r == nrhs - 1)
             std::printf("  mode (%d,%d%s%s): max error %.4e, predicted %.4e\n", md.a, md.b,
-                        dim == 3 ? "," : "", dim == 3 ? std::to_string(md.c).c_str() : "", err, predicted);
+                        dim == 3 ? "," : "", dim == 3 ? std::to_string(md.c).c_str() : "", err,
+                        predicted);
     }
     const double dev_bound = 1e-4, res_bound = 30.0;
     std::printf("  largest discretisation error %.3e (O(h^2), h = 1/%d)\n", max_err, n + 1);
-    std::printf("  worst relative deviation from the closed form %.2e (bound %.0e)\n", worst_dev, dev_bound);
-    std::printf("  worst scaled residual max|F - A U| / (||A|| max|U| N eps) %.2e (bound %.0f)\n", worst_res, res_bound);
+    std::printf("  worst relative deviation from the closed form %.2e (bound %.0e)\n", worst_dev,
+                dev_bound);
+    std::printf("  worst scaled residual max|F - A U| / (||A|| max|U| N eps) %.2e (bound %.0f)\n",
+                worst_res, res_bound);
     std::printf("  batched vs single solves: max relative difference %.2e (bound 1e-12)\n", agree);
     return worst_dev <= dev_bound && worst_res <= res_bound && agree <= 1e-12 ? 0 : 1;
 }

@@ -30,17 +30,23 @@ double seconds_since(std::chrono::steady_clock::time_point t0)
 double basis(int k, double x)
 {
     switch (k) {
-    case 0: return 1.0;
-    case 1: return x;
-    case 2: return x * x;
-    case 3: return 1.0 - x;
-    default: return 2.0 * x * x + 3.0;
+    case 0:
+        return 1.0;
+    case 1:
+        return x;
+    case 2:
+        return x * x;
+    case 3:
+        return 1.0 - x;
+    default:
+        return 2.0 * x * x + 3.0;
     }
 }
 
 // Largest difference between the fitted values of coefficients c (over `cols` basis functions)
 // and the reference fit.
-double fit_difference(const KelMatrix& c, int cols, const std::vector<double>& xs, const std::vector<double>& ref)
+double fit_difference(const KelMatrix& c, int cols, const std::vector<double>& xs,
+                      const std::vector<double>& ref)
 {
     double d = 0.0;
     for (std::size_t i = 0; i < xs.size(); ++i) {
@@ -80,7 +86,8 @@ int main(int argc, char** argv)
             A(i, k) = basis(k, xs[i]);
         y(i, 0) = 1.0 + 2.0 * xs[i] - 0.5 * xs[i] * xs[i] + 0.01 * std::sin(7.0 * xs[i]);
     }
-    std::printf("rank_deficient_fit: %d points, basis 1, x, x^2, 1 - x, 2x^2 + 3 (rank 3 of 5)\n", m);
+    std::printf("rank_deficient_fit: %d points, basis 1, x, x^2, 1 - x, 2x^2 + 3 (rank 3 of 5)\n",
+                m);
 
     // Reference: the full-rank three-parameter model by dgels.
     KelMatrix A3, c3;
@@ -131,15 +138,19 @@ int main(int argc, char** argv)
     const double t_qr = seconds_since(t0);
 
     if (info != 0)
-        std::printf("  naive dpotrf on the normal equations: fails, info = %d (not positive definite)\n", info);
+        std::printf(
+            "  naive dpotrf on the normal equations: fails, info = %d (not positive definite)\n",
+            info);
     else
-        std::printf("  naive dpotrf on the normal equations: accepts a pivot of relative size %.1e (pure rounding)\n",
+        std::printf("  naive dpotrf on the normal equations: accepts a pivot of relative size %.1e "
+                    "(pure rounding)\n",
                     worst_pivot);
     print_coefficients("reference (1, x, x^2 only):", c3, 3);
     print_coefficients("Cholesky_factor, dropped pivots:", rhs, p);
     print_coefficients("MinNormLeastSquares:", cmin, p);
-    std::printf("  rank: Cholesky_factor %d (%d pivots dropped, %.6f s), MinNormLeastSquares %d (%.6f s)\n",
-                rank_chol, dropped, t_chol, rank_qr, t_qr);
+    std::printf(
+        "  rank: Cholesky_factor %d (%d pivots dropped, %.6f s), MinNormLeastSquares %d (%.6f s)\n",
+        rank_chol, dropped, t_chol, rank_qr, t_qr);
 
     const double d_chol = fit_difference(rhs, p, xs, ref);
     const double d_qr = ok_qr ? fit_difference(cmin, p, xs, ref) : INFINITY;
@@ -147,8 +158,10 @@ int main(int argc, char** argv)
     const double null1 = cmin(0, 0) - cmin(1, 0) - cmin(3, 0);
     const double null2 = 3.0 * cmin(0, 0) + 2.0 * cmin(2, 0) - cmin(4, 0);
     const double fit_bound = 1e-8, null_bound = 1e-10;
-    std::printf("  max |fit - reference fit|: %.2e (Cholesky), %.2e (min-norm); bound %.0e\n", d_chol, d_qr, fit_bound);
-    std::printf("  min-norm coefficients against the null space: %.2e, %.2e; bound %.0e\n", null1, null2, null_bound);
+    std::printf("  max |fit - reference fit|: %.2e (Cholesky), %.2e (min-norm); bound %.0e\n",
+                d_chol, d_qr, fit_bound);
+    std::printf("  min-norm coefficients against the null space: %.2e, %.2e; bound %.0e\n", null1,
+                null2, null_bound);
     const bool pass = rank_chol == 3 && rank_qr == 3 && d_chol <= fit_bound && d_qr <= fit_bound &&
                       std::fabs(null1) <= null_bound && std::fabs(null2) <= null_bound;
     return pass ? 0 : 1;

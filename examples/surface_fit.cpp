@@ -61,14 +61,16 @@ void gram_band(const std::vector<double>& B, int n, int p, KelMatrixBanded& G)
         for (int a = std::max(0, b - 3); a <= b; ++a) {
             double s = 0.0;
             for (int i = 0; i < n; ++i)
-                s += B[static_cast<std::size_t>(a) * n + i] * B[static_cast<std::size_t>(b) * n + i];
+                s +=
+                    B[static_cast<std::size_t>(a) * n + i] * B[static_cast<std::size_t>(b) * n + i];
             G(a, b) = s;
         }
 }
 
 double height(double x, double y)
 {
-    return std::sin(2.0 * kPi * x) * std::cos(kPi * y) + 0.5 * std::exp(-4.0 * ((x - 0.3) * (x - 0.3) + (y - 0.6) * (y - 0.6)));
+    return std::sin(2.0 * kPi * x) * std::cos(kPi * y) +
+           0.5 * std::exp(-4.0 * ((x - 0.3) * (x - 0.3) + (y - 0.6) * (y - 0.6)));
 }
 
 } // namespace
@@ -81,14 +83,15 @@ int main(int argc, char** argv)
         return 2;
     }
     const int nx = 5 * m + 1, ny = 5 * m + 1, p = m + 3, q = m + 3;
-    std::printf("surface_fit: %d x %d samples, bicubic B-spline surface with %d x %d = %d coefficients\n",
-                nx, ny, p, q, p * q);
+    std::printf(
+        "surface_fit: %d x %d samples, bicubic B-spline surface with %d x %d = %d coefficients\n",
+        nx, ny, p, q, p * q);
 
     std::vector<double> F(static_cast<std::size_t>(ny) * nx);
     for (int ix = 0; ix < nx; ++ix)
         for (int iy = 0; iy < ny; ++iy)
-            F[static_cast<std::size_t>(ix) * ny + iy] = height(static_cast<double>(ix) / (nx - 1),
-                                                               static_cast<double>(iy) / (ny - 1));
+            F[static_cast<std::size_t>(ix) * ny + iy] =
+                height(static_cast<double>(ix) / (nx - 1), static_cast<double>(iy) / (ny - 1));
     const std::vector<double> Bx = collocation(nx, m), By = collocation(ny, m);
 
     // Right-hand side R = By^T F Bx (q x p), one group of Solve_Kronecker's layout.
@@ -98,7 +101,8 @@ int main(int argc, char** argv)
             const double w = Bx[static_cast<std::size_t>(a) * nx + ix];
             if (w != 0.0)
                 for (int iy = 0; iy < ny; ++iy)
-                    FBx[static_cast<std::size_t>(a) * ny + iy] += F[static_cast<std::size_t>(ix) * ny + iy] * w;
+                    FBx[static_cast<std::size_t>(a) * ny + iy] +=
+                        F[static_cast<std::size_t>(ix) * ny + iy] * w;
         }
     KelMatrix R;
     R.Dimension(q, p, -1, -1);
@@ -106,7 +110,8 @@ int main(int argc, char** argv)
         for (int b = 0; b < q; ++b) {
             double s = 0.0;
             for (int iy = 0; iy < ny; ++iy)
-                s += By[static_cast<std::size_t>(b) * ny + iy] * FBx[static_cast<std::size_t>(a) * ny + iy];
+                s += By[static_cast<std::size_t>(b) * ny + iy] *
+                     FBx[static_cast<std::size_t>(a) * ny + iy];
             R(b, a) = s;
         }
 
@@ -144,7 +149,8 @@ int main(int argc, char** argv)
         rhs.GetElements()[k] = R.GetElements()[k]; // column-major q x p is vec(R)
     LSMsolver::establish_numthreads(1);
     t0 = std::chrono::steady_clock::now();
-    LSMsolver solver(N, ia.data(), ja.data(), va.data(), 1, 0, LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE);
+    LSMsolver solver(N, ia.data(), ja.data(), va.data(), 1, 0,
+                     LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE);
     const bool ok_sparse = solver.factor() && solver.solve(rhs, Csparse);
     const double t_sparse = seconds_since(t0);
     solver.clear();
@@ -159,23 +165,29 @@ int main(int argc, char** argv)
     for (int ix = 0; ix < nx; ++ix)
         for (int iy = 0; iy < ny; ++iy) {
             double s = 0.0;
-            for (int a = std::max(0, ix * m / (nx - 1) - 1); a <= std::min(p - 1, ix * m / (nx - 1) + 3); ++a)
-                for (int b = std::max(0, iy * m / (ny - 1) - 1); b <= std::min(q - 1, iy * m / (ny - 1) + 3); ++b)
-                    s += C(b, a) * Bx[static_cast<std::size_t>(a) * nx + ix] * By[static_cast<std::size_t>(b) * ny + iy];
+            for (int a = std::max(0, ix * m / (nx - 1) - 1);
+                 a <= std::min(p - 1, ix * m / (nx - 1) + 3); ++a)
+                for (int b = std::max(0, iy * m / (ny - 1) - 1);
+                     b <= std::min(q - 1, iy * m / (ny - 1) + 3); ++b)
+                    s += C(b, a) * Bx[static_cast<std::size_t>(a) * nx + ix] *
+                         By[static_cast<std::size_t>(b) * ny + iy];
             fit_err = std::max(fit_err, std::fabs(s - F[static_cast<std::size_t>(ix) * ny + iy]));
         }
 
     // Cubic spline approximation error (5/384) h^4 |f''''| per direction; |f''''| <= (2 pi)^4.
-    const double h = 1.0 / m, fit_bound = 2.0 * 5.0 / 384.0 * std::pow(h, 4) * std::pow(2.0 * kPi, 4);
+    const double h = 1.0 / m,
+                 fit_bound = 2.0 * 5.0 / 384.0 * std::pow(h, 4) * std::pow(2.0 * kPi, 4);
     const double agree_bound = 1e-9;
-    std::printf("  Solve_Kronecker (two band solves, %d and %d unknowns): %9.5f s  %s\n", p, q, t_kron,
-                ok_kron ? "ok" : "FAILED");
-    std::printf("  LSMsolver on the assembled product (%d unknowns, %zu stored entries): %9.5f s (+%.4f s assembly)  %s\n",
+    std::printf("  Solve_Kronecker (two band solves, %d and %d unknowns): %9.5f s  %s\n", p, q,
+                t_kron, ok_kron ? "ok" : "FAILED");
+    std::printf("  LSMsolver on the assembled product (%d unknowns, %zu stored entries): %9.5f s "
+                "(+%.4f s assembly)  %s\n",
                 N, va.size(), t_sparse, t_assemble, ok_sparse ? "ok" : "FAILED");
     std::printf("  speed-up of the Kronecker route: %.0fx\n", t_sparse / std::max(t_kron, 1e-9));
-    std::printf("  max |C_kron - C_sparse| / max |C| = %.2e (bound %.0e)\n", cdiff / cmax, agree_bound);
-    std::printf("  max fit error at the samples     = %.2e (bound %.1e, O(h^4) with h = 1/%d)\n", fit_err,
-                fit_bound, m);
+    std::printf("  max |C_kron - C_sparse| / max |C| = %.2e (bound %.0e)\n", cdiff / cmax,
+                agree_bound);
+    std::printf("  max fit error at the samples     = %.2e (bound %.1e, O(h^4) with h = 1/%d)\n",
+                fit_err, fit_bound, m);
     const bool pass = ok_kron && ok_sparse && cdiff / cmax <= agree_bound && fit_err <= fit_bound;
     return pass ? 0 : 1;
 }

@@ -32,12 +32,13 @@ public:
         return data_;
     }
 
-    /// A buffer of count doubles holding the first m.GetStorageSize() doubles of m. The block is
-    /// never smaller than the copy, so a matrix stored wider than the routine reads it (a band
-    /// with kl > 0 handed to an upper-band routine) gives a wrong answer, not a heap overrun.
-    double* copy_of(const KelGenericMatrix& m, long long count)
+    /// A buffer of max(min_count, m.GetStorageSize()) doubles holding m's stored doubles first.
+    /// min_count is what the routine reads; the block never ends before the copy does, so a
+    /// matrix stored wider than the routine reads it (a band with kl > 0 handed to an upper-band
+    /// routine) gives a wrong answer, not a heap overrun.
+    double* copy_of_at_least(const KelGenericMatrix& m, long long min_count)
     {
-        allocate(count > m.GetStorageSize() ? count : m.GetStorageSize());
+        allocate(min_count > m.GetStorageSize() ? min_count : m.GetStorageSize());
         if (m.GetStorageSize() > 0)
             std::memcpy(data_, m.GetElements(), sizeof(double) * m.GetStorageSize());
         return data_;
@@ -50,6 +51,25 @@ private:
     double* data_ = nullptr;
 };
 
+/// The block of an output matrix that one of the inputs still reads (the output passed as an
+/// input, or sharing its block): taken from the matrix so that re-dimensioning it allocates
+/// without releasing it, and released when this object goes, after the reads. An output
+/// unrelated to the inputs is not touched, so its allocation order stays as it always was.
+class RetainedBlock {
+public:
+    RetainedBlock(KelGenericMatrix& out, const double* in1, const double* in2 = nullptr)
+    {
+        if (StorageAccess::starts_in_block(out, in1) || StorageAccess::starts_in_block(out, in2))
+            raw_ = StorageAccess::take_block(out);
+    }
+    ~RetainedBlock() { delete[] raw_; }
+    RetainedBlock(const RetainedBlock&) = delete;
+    RetainedBlock& operator=(const RetainedBlock&) = delete;
+
+private:
+    double* raw_ = nullptr;
+};
+
 /// Copies m's storage count of doubles from src into m's array; nothing when src is m's own.
 inline void copy_storage_from(KelGenericMatrix& m, const double* src)
 {
@@ -58,9 +78,11 @@ inline void copy_storage_from(KelGenericMatrix& m, const double* src)
 }
 
 /// The wrappers' output step after success: X := rows x cols (band state kept), then one copy
-/// of X's storage from the routine's solution array.
+/// of X's storage from the routine's solution array. When the solution lies in X's own block
+/// (X passed as B with copyInputs = 0), that block is released only after the copy.
 inline void take_solution(KelMatrix& X, int rows, int cols, const double* solution)
 {
+    RetainedBlock solution_block(X, solution);
     X.Dimension(rows, cols, -1, -1);
     copy_storage_from(X, solution);
 }

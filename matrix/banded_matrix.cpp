@@ -4,8 +4,6 @@
 // Element (i, j) lies in band row kl + ku + i - j of column j, leading dimension 2*kl + ku + 1.
 // With kl = 0 this is LAPACK's upper symmetric band storage (leading dimension ku + 1), which is
 // how the symmetric band routines expect their matrices. No test that (i, j) lies in the band.
-#include <utility>
-
 #include "storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
@@ -16,24 +14,21 @@ KelMatrixBanded::~KelMatrixBanded() = default;
 
 double& KelMatrixBanded::operator()(int i, int j)
 {
-    if (symmetric && (usesLower ? j > i : i > j))
-        std::swap(i, j);
     const long long kl = lowerBandWidth, ku = upperBandWidth;
-    return elements[(2 * kl + ku) * j + kl + ku + i];
+    return elements[StorageAccess::mirrored_offset(*this, i, j, 2 * kl + ku, kl + ku)];
 }
 
 double KelMatrixBanded::operator()(int i, int j) const
 {
-    if (symmetric && (usesLower ? j > i : i > j))
-        std::swap(i, j);
     const long long kl = lowerBandWidth, ku = upperBandWidth;
-    return elements[(2 * kl + ku) * j + kl + ku + i];
+    return elements[StorageAccess::mirrored_offset(*this, i, j, 2 * kl + ku, kl + ku)];
 }
 
 void KelMatrixBanded::Dimension(int rows, int cols, int kl, int ku)
 {
     // The row count does not enter the size; symmetric and triangular are kept.
-    storageSize = static_cast<int>(static_cast<unsigned>(2 * kl + ku + 1) * static_cast<unsigned>(cols));
+    storageSize =
+        static_cast<int>(static_cast<unsigned>(2 * kl + ku + 1) * static_cast<unsigned>(cols));
     StorageAccess::replace_block(*this, storageSize);
     rowDim = rows;
     colDim = cols;

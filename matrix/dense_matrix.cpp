@@ -27,6 +27,16 @@ long long conversion_block(int rows, int cols, int source_count)
     return std::max<long long>(count, source_count);
 }
 
+// The opening both conversions share: the source's shape, flags and storage count, then a fresh
+// block zeroed to that count (not rows x cols). Deliberate: the earlier block is not released.
+void open_conversion(KelMatrix& dst, const KelGenericMatrix& src)
+{
+    StorageAccess::copy_shape_and_flags(dst, src);
+    StorageAccess::attach_new_block(
+        dst, conversion_block(dst.GetRowDim(), dst.GetColDim(), dst.GetStorageSize()));
+    dst.SetZero();
+}
+
 } // namespace
 
 KelMatrix::KelMatrix() = default;
@@ -35,16 +45,12 @@ KelMatrix::~KelMatrix() = default;
 
 double& KelMatrix::operator()(int i, int j)
 {
-    if (symmetric && (usesLower ? j > i : i > j))
-        std::swap(i, j);
-    return elements[static_cast<long long>(rowDim) * j + i];
+    return elements[StorageAccess::mirrored_offset(*this, i, j, rowDim, 0)];
 }
 
 double KelMatrix::operator()(int i, int j) const
 {
-    if (symmetric && (usesLower ? j > i : i > j))
-        std::swap(i, j);
-    return elements[static_cast<long long>(rowDim) * j + i];
+    return elements[StorageAccess::mirrored_offset(*this, i, j, rowDim, 0)];
 }
 
 KelMatrix& KelMatrix::operator=(const KelMatrix& src)
@@ -60,10 +66,7 @@ KelMatrix& KelMatrix::operator=(const KelMatrix& src)
 KelMatrix& KelMatrix::operator=(const KelMatrixPacked& src)
 {
     const KelGenericMatrix& s = src; // only the base fields and the const accessor are used
-    StorageAccess::copy_shape_and_flags(*this, s);
-    // Deliberate: the previous block is not released.
-    StorageAccess::attach_new_block(*this, conversion_block(rowDim, colDim, storageSize));
-    SetZero(); // the packed count, not rows x cols
+    open_conversion(*this, s);
     if (usesLower) {
         for (int i = 0; i < rowDim; ++i)
             for (int j = 0; j <= i; ++j)
@@ -79,10 +82,7 @@ KelMatrix& KelMatrix::operator=(const KelMatrixPacked& src)
 KelMatrix& KelMatrix::operator=(const KelMatrixBanded& src)
 {
     const KelGenericMatrix& s = src;
-    StorageAccess::copy_shape_and_flags(*this, s);
-    // Deliberate: the previous block is not released.
-    StorageAccess::attach_new_block(*this, conversion_block(rowDim, colDim, storageSize));
-    SetZero(); // the band count, not rows x cols
+    open_conversion(*this, s);
     const int kl = lowerBandWidth, ku = upperBandWidth;
     const int i_end = std::max(rowDim, colDim); // the same bound for tall and wide shapes
     for (int i = 0; i < i_end; ++i)

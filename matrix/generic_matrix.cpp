@@ -29,7 +29,8 @@ void kelmatrix_set_mkl_misalignment(int bytes)
 
 double* next_aligned_adr(double* p)
 {
-    const std::uintptr_t boundary = (reinterpret_cast<std::uintptr_t>(p) + 31) & ~std::uintptr_t(31);
+    const std::uintptr_t boundary =
+        (reinterpret_cast<std::uintptr_t>(p) + 31) & ~std::uintptr_t(31);
     return reinterpret_cast<double*>(boundary + static_cast<std::intptr_t>(mklMisalignment));
 }
 
@@ -85,17 +86,7 @@ void KelGenericMatrix::Dimension(int rows, int cols, int kl, int ku)
     // 32-bit product, wrapping as the int arithmetic of the interface does.
     storageSize = static_cast<int>(static_cast<unsigned>(rows) * static_cast<unsigned>(cols));
     StorageAccess::replace_block(*this, storageSize); // never reused, even at the same size
-    rowDim = rows;
-    colDim = cols;
-    if (rows != cols) { // a non-square matrix can be neither
-        symmetric = 0;
-        triangular = 0;
-    }
-    if (kl >= 0 && ku >= 0) { // Deliberate: otherwise an earlier band is kept
-        banded = 1;
-        lowerBandWidth = kl;
-        upperBandWidth = ku;
-    }
+    StorageAccess::set_shape(*this, rows, cols, kl, ku);
 }
 
 void KelGenericMatrix::DimensionSquare(int n, int kl, int ku)

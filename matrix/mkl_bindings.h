@@ -64,24 +64,26 @@ void dgelsy(const int* m, const int* n, const int* nrhs, double* a, const int* l
 void dspev(const char* jobz, const char* uplo, const int* n, double* ap, double* w, double* z,
            const int* ldz, double* work, int* info, std::size_t jobz_len, std::size_t uplo_len);
 void dsyev(const char* jobz, const char* uplo, const int* n, double* a, const int* lda, double* w,
-           double* work, const int* lwork, int* info, std::size_t jobz_len,
-           std::size_t uplo_len);
+           double* work, const int* lwork, int* info, std::size_t jobz_len, std::size_t uplo_len);
 
 // ---- PARDISO and MKL service ----
 void pardiso(void* pt, const int* maxfct, const int* mnum, const int* mtype, const int* phase,
-             const int* n, const void* a, const int* ia, const int* ja, int* perm,
-             const int* nrhs, int* iparm, const int* msglvl, void* b, void* x, int* error);
+             const int* n, const void* a, const int* ia, const int* ja, int* perm, const int* nrhs,
+             int* iparm, const int* msglvl, void* b, void* x, int* error);
 
 // The cluster engine (libkelmatrix_mpi only): PARDISO's arguments plus the communicator as its
 // Fortran handle (MPI_Comm_c2f), before the error. Resolved through MKL's BLACS layer for the MPI.
 void cluster_sparse_solver(void* pt, const int* maxfct, const int* mnum, const int* mtype,
                            const int* phase, const int* n, const void* a, const int* ia,
-                           const int* ja, int* perm, const int* nrhs, int* iparm,
-                           const int* msglvl, void* b, void* x, const int* comm, int* error);
+                           const int* ja, int* perm, const int* nrhs, int* iparm, const int* msglvl,
+                           void* b, void* x, const int* comm, int* error);
 
 // MKL's by-reference thread-count entry (the count passed by address).
 void mkl_set_num_threads(const int* nt);
 
 } // extern "C"
+
+// The hidden length passed for each character argument: every one of them is a single character.
+constexpr std::size_t kCharLen = 1;
 
 #endif

@@ -44,15 +44,5 @@ void KelMatrixPacked::Dimension(int rows, int cols, int kl, int ku)
 {
     storageSize = static_cast<int>(static_cast<long long>(rows) * (rows + 1) / 2);
     StorageAccess::replace_block(*this, storageSize);
-    rowDim = rows;
-    colDim = cols;
-    if (rows != cols) {
-        symmetric = 0;
-        triangular = 0;
-    }
-    if (kl >= 0 && ku >= 0) {
-        banded = 1;
-        lowerBandWidth = kl;
-        upperBandWidth = ku;
-    }
+    StorageAccess::set_shape(*this, rows, cols, kl, ku); // the base's rules, packed sizing
 }

@@ -21,8 +21,7 @@ int* align_index(int* p)
 } // namespace
 
 KelSparseVector::KelSparseVector(unsigned int n)
-    : dim(n), weight_(0), index(nullptr), data(nullptr), indexStorage(nullptr),
-      dataStorage(nullptr)
+    : dim(n), weight_(0), index(nullptr), data(nullptr), indexStorage(nullptr), dataStorage(nullptr)
 {
 }
 

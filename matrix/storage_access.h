@@ -7,6 +7,9 @@
 #ifndef KELMATRIX_STORAGE_ACCESS_H
 #define KELMATRIX_STORAGE_ACCESS_H
 
+#include <cstdint>
+#include <utility>
+
 #include "kelmatrix/matrix.h"
 
 namespace kelmatrix {
@@ -19,6 +22,35 @@ struct StorageAccess {
     static bool banded(const KelGenericMatrix& m) { return m.banded; }
     static bool symmetric(const KelGenericMatrix& m) { return m.symmetric; }
     static bool uses_lower(const KelGenericMatrix& m) { return m.usesLower; }
+
+    /// Offset of element (i, j) in a column-major block with leading dimension ld whose row 0
+    /// starts first doubles into each column, after mirroring (i, j) into the stored triangle
+    /// when m is symmetric (usesLower names that triangle).
+    static long long mirrored_offset(const KelGenericMatrix& m, int i, int j, long long ld,
+                                     long long first)
+    {
+        if (m.symmetric && (m.usesLower ? j > i : i > j))
+            std::swap(i, j);
+        return ld * j + first + i;
+    }
+
+    /// Dimension's rules once the block is sized: the shape; a non-square matrix is neither
+    /// symmetric nor triangular; non-negative widths record a band. Deliberate: a negative width
+    /// keeps the earlier band.
+    static void set_shape(KelGenericMatrix& m, int rows, int cols, int kl, int ku)
+    {
+        m.rowDim = rows;
+        m.colDim = cols;
+        if (rows != cols) {
+            m.symmetric = 0;
+            m.triangular = 0;
+        }
+        if (kl >= 0 && ku >= 0) {
+            m.banded = 1;
+            m.lowerBandWidth = kl;
+            m.upperBandWidth = ku;
+        }
+    }
 
     /// Copies rowDim, colDim, both band widths, storageSize and the four flags.
     static void copy_shape_and_flags(KelGenericMatrix& dst, const KelGenericMatrix& src)
@@ -39,6 +71,26 @@ struct StorageAccess {
     {
         m.rawStorage = allocate_block(count);
         m.elements = next_aligned_adr(m.rawStorage);
+    }
+
+    /// Whether the array p starts inside the block m allocated, the one m's next Dimension
+    /// releases. An element array starts within the 8 spare doubles at the head of its block
+    /// (next_aligned_adr moves it by at most 31 + 32 bytes) and blocks never overlap, so this
+    /// holds for m's own array, a shallow copy's and a Swap partner's, and for no other array.
+    static bool starts_in_block(const KelGenericMatrix& m, const double* p)
+    {
+        const auto block = reinterpret_cast<std::uintptr_t>(m.rawStorage);
+        const auto at = reinterpret_cast<std::uintptr_t>(p);
+        return m.rawStorage != nullptr && at >= block && at < block + 8 * sizeof(double);
+    }
+
+    /// Takes m's block away from it: m's next Dimension then allocates without releasing it,
+    /// and the caller releases the returned block (delete[]).
+    static double* take_block(KelGenericMatrix& m)
+    {
+        double* raw = m.rawStorage;
+        m.rawStorage = nullptr;
+        return raw;
     }
 
     /// Releases m's block, then attaches a fresh one of count + 8 doubles.

@@ -4,16 +4,18 @@
 # MKL routine's (or peer's) time measured in the same process, and their ratio (medians).
 #   scripts/bench.sh            the full run (about 15 minutes on 2 cores)
 #   scripts/bench.sh --smoke    every case once on small sizes (CI: builds and runs, times nothing)
-# Results also go to build/bench/results/<executable>-<threads>t.json.
+# Results also go to build/<preset>/results/<executable>-<threads>t.json. KELMATRIX_BENCH_PRESET
+# names another configure preset that builds the benchmarks (CI: werror, already built).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 mode="${1:-full}"
+preset="${KELMATRIX_BENCH_PRESET:-bench}"
 bash scripts/install-deps.sh
-cmake --preset bench >/dev/null
-cmake --build --preset bench -j "$(nproc)"
+cmake --preset "$preset" >/dev/null
+cmake --build "build/$preset" -j "$(nproc)" --target bench_band bench_dense bench_sparse
 
-bin=build/bench/bench
-out=build/bench/results
+bin="build/$preset/bench"
+out="build/$preset/results"
 mkdir -p "$out"
 uptime
 

@@ -61,7 +61,7 @@ TEST(BandCholesky, ZeroAndDroppedPivots)
     kt::KelOf Z(matrix(2, 2, {0, 1, 1, 4}));
     const kt::Dense z = factor_and_solve(Z, 1, 0.0, 2, matrix(2, 1, {1, 1}));
     EXPECT_EQ(Z(0, 1), kInf);
-    EXPECT_EQ(Z(1, 1), 2.0); // 4 - inf^2 would have dropped it
+    EXPECT_EQ(Z(1, 1), 2.0);                                 // 4 - inf^2 would have dropped it
     EXPECT_TRUE(kt::same_bits(z, matrix(2, 1, {0, -kInf}))); // y1 = (1 - inf * inf) / 2
 
     kt::KelOf D(matrix(3, 3, {1, 1, 1, 1, 1, 1, 1, 1, 2}));
@@ -76,10 +76,10 @@ TEST(BandCholesky, ZeroAndDroppedPivots)
 // pinned solution by 2^-54.)
 TEST(BandCholesky, SubstitutionSumsRunInTheirFixedOrder)
 {
-    const double t = std::ldexp(1.0, -54); // half an ulp of 1: 1 - t rounds to 1
+    const double t = std::ldexp(1.0, -54);                  // half an ulp of 1: 1 - t rounds to 1
     kt::KelOf A(matrix(3, 3, {1, 0, 1, 0, 1, 1, 1, 1, 3})); // U = [1 0 1; 0 1 1; 0 0 1]
     EXPECT_TRUE(kt::same_bits(factor_and_solve(A, 2, 1e-12, 3, matrix(3, 1, {1, t, 1})),
-                              matrix(3, 1, {1, t, 0}))); // y2 = (1 - t) - 1, not (1 - 1) - t
+                              matrix(3, 1, {1, t, 0})));     // y2 = (1 - t) - 1, not (1 - 1) - t
     kt::KelOf A2(matrix(3, 3, {1, t, 1, t, 1, t, 1, t, 2})); // U = [1 t 1; 0 1 0; 0 0 1]
     EXPECT_TRUE(kt::same_bits(factor_and_solve(A2, 2, 1e-12, 3, matrix(3, 1, {1, 1, 2})),
                               matrix(3, 1, {0, 1, 1}))); // x0 = (1 - t) - 1, not (1 - 1) - t
@@ -110,8 +110,8 @@ TEST(BandCholesky, EveryStorageGivesTheSameBits)
     EXPECT_LT(kt::residual_ratio(kt::remove_index(a, p, true), kt::remove_index(x, p, false),
                                  kt::remove_index(b, p, false)),
               30.0);
-    for (KelGenericMatrix* A : {static_cast<KelGenericMatrix*>(&band),
-                                static_cast<KelGenericMatrix*>(&user)}) {
+    for (KelGenericMatrix* A :
+         {static_cast<KelGenericMatrix*>(&band), static_cast<KelGenericMatrix*>(&user)}) {
         EXPECT_EQ(Cholesky_factor(*A, 0, 1e-10), n - 1);
         kt::KelOf B(b);
         Cholesky_subst(*A, 0, B);
@@ -278,8 +278,8 @@ TEST(SolveBSPCyclic, SaddlePointSolvesAndFailuresLeaveX)
     KelMatrix X;
     ASSERT_TRUE(SolveBSP_Cyclic(kt::KelOf(saddle), B, nb, 2 * kd + 1, X));
     EXPECT_LT(kt::residual_ratio(saddle, kt::from_kel(X), b), 30.0);
-    const std::pair<const kt::Dense*, int> failing[] = {{&zero_pivot, nb}, {&indefinite, nb},
-                                                        {&saddle, n}};
+    const std::pair<const kt::Dense*, int> failing[] = {
+        {&zero_pivot, nb}, {&indefinite, nb}, {&saddle, n}};
     for (const auto& f : failing) {
         kt::KelOf Xf(x0);
         const double* x_elements = Xf.GetElements();

@@ -37,9 +37,9 @@ pardiso(void* pt, const int* maxfct, const int* mnum, const int* mtype, const in
         const int* n, const void* a, const int* ia, const int* ja, int* perm, const int* nrhs,
         int* iparm, const int* msglvl, void* b, void* x, int* error)
 {
-    using Pardiso = void (*)(void*, const int*, const int*, const int*, const int*, const int*,
-                             const void*, const int*, const int*, int*, const int*, int*,
-                             const int*, void*, void*, int*);
+    using Pardiso =
+        void (*)(void*, const int*, const int*, const int*, const int*, const int*, const void*,
+                 const int*, const int*, int*, const int*, int*, const int*, void*, void*, int*);
     static const Pardiso mkl_pardiso = reinterpret_cast<Pardiso>(dlsym(RTLD_NEXT, "pardiso"));
     g_calls.push_back({*phase, *nrhs, *mtype, *n, *maxfct, *mnum, *msglvl, a, ia, ja, b, x,
                        std::vector<int>(iparm, iparm + 64), pt, *static_cast<void**>(pt)});
@@ -327,8 +327,7 @@ TEST_F(LSMsolverTest, SettingsReachPardisoAsTheirEntriesUntilInit)
     LSMsolver s(A.n, work.ia.data(), work.ja.data(), work.a.data(), 1, 0);
     const LSMsolver_settings defaults = s.settings();
     EXPECT_TRUE(!defaults.scalingAndMatching && defaults.pivotPerturbation == 13 &&
-                defaults.ordering == LSM_ORDERING_NESTED_DISSECTION &&
-                !defaults.factorStatistics);
+                defaults.ordering == LSM_ORDERING_NESTED_DISSECTION && !defaults.factorStatistics);
     LSMsolver_settings bad = defaults;
     bad.pivotPerturbation = 0;
     EXPECT_FALSE(s.set_settings(bad));
@@ -354,8 +353,13 @@ TEST_F(LSMsolverTest, SettingsReachPardisoAsTheirEntriesUntilInit)
     const int entries[] = {1, 9, 10, 12, 17}; // ordering, perturbation, scaling, matching, nnz
     for (const int e : entries)
         EXPECT_EQ(std::vector<int>({g_calls[0].iparm[e], g_calls[2].iparm[e]}),
-                  std::vector<int>({e == 1 ? 2 : e == 9 ? 13 : 0,
-                                    e == 1 ? 0 : e == 9 ? 8 : e == 17 ? -1 : 1}))
+                  std::vector<int>({e == 1   ? 2
+                                    : e == 9 ? 13
+                                             : 0,
+                                    e == 1    ? 0
+                                    : e == 9  ? 8
+                                    : e == 17 ? -1
+                                              : 1}))
             << "iparm[" << e << "]";
     EXPECT_EQ(g_calls[4].iparm, g_calls[0].iparm); // init restored every entry
 }
@@ -385,9 +389,9 @@ TEST_F(LSMsolverTest, DiagnosticsReportInertiaStatisticsAndErrors)
     EXPECT_EQ(s.diagnostics().lastPhase, 0);
     LSMsolver_settings stats;
     stats.factorStatistics = true;
-    ASSERT_TRUE(s.init(n, T.ia.data(), T.ja.data(), T.a.data(), 1, 2,
-                       LSM_REAL_SYMMETRIC_INDEFINITE) &&
-                s.clear() && s.set_settings(stats) && s.factor());
+    ASSERT_TRUE(
+        s.init(n, T.ia.data(), T.ja.data(), T.a.data(), 1, 2, LSM_REAL_SYMMETRIC_INDEFINITE) &&
+        s.clear() && s.set_settings(stats) && s.factor());
     LSMsolver_diagnostics d = s.diagnostics();
     EXPECT_EQ(d.negativeEigenvalues, negative);
     EXPECT_EQ(d.positiveEigenvalues, n - negative);
@@ -427,13 +431,19 @@ TEST_F(LSMsolverTest, CollectionMatricesSolveWithSmallResidual)
         const char* file;
         LSMsolver_mattype mtype;
         bool hard; // needs scaling and weighted matching
-    } matrices[] = {{"bcsstk01", kSpd, false},    {"494_bus", kSpd, false},
-                    {"gr_30_30", kSpd, false},    {"1138_bus", kSpd, false},
-                    {"bcsstk13", kSpd, false},    {"bcsstk15", kSpd, false},
-                    {"fv1", kSpd, false},         {"olm1000", kUns, false},
-                    {"watt_2", kUns, false},      {"sherman5", kUns, false},
+    } matrices[] = {{"bcsstk01", kSpd, false},
+                    {"494_bus", kSpd, false},
+                    {"gr_30_30", kSpd, false},
+                    {"1138_bus", kSpd, false},
+                    {"bcsstk13", kSpd, false},
+                    {"bcsstk15", kSpd, false},
+                    {"fv1", kSpd, false},
+                    {"olm1000", kUns, false},
+                    {"watt_2", kUns, false},
+                    {"sherman5", kUns, false},
                     {"tumorAntiAngiogenesis_2", kInd, false},
-                    {"hangGlider_2", kInd, true}, {"west0479", kUns, true},
+                    {"hangGlider_2", kInd, true},
+                    {"west0479", kUns, true},
                     {"bayer10", kUns, true}};
     for (const auto& p : matrices) {
         const std::string path = std::string(KELMATRIX_TEST_MATRICES) + "/" + p.file + ".mtx";
@@ -447,8 +457,7 @@ TEST_F(LSMsolverTest, CollectionMatricesSolveWithSmallResidual)
         kt::to_kel(b, B);
         kt::to_kel(kt::Dense(A.n, 3), X);
         kt::Csr borrowed = A; // the solver may read but must not change the arrays
-        LSMsolver s(A.n, borrowed.ia.data(), borrowed.ja.data(), borrowed.a.data(), 2, 5,
-                    p.mtype);
+        LSMsolver s(A.n, borrowed.ia.data(), borrowed.ja.data(), borrowed.a.data(), 2, 5, p.mtype);
         if (p.hard) { // the fixed settings: PARDISO says true, the pivots say otherwise
             ASSERT_TRUE(s.factor());
             EXPECT_GT(s.diagnostics().perturbedPivots, 0);

@@ -1,5 +1,5 @@
-// KELMATRIX thread policy and load-time environment tests
-// LSMsolver::establish_numthreads and init's thread decision, and KMP_DUPLICATE_LIB_OK at start.
+// KELMATRIX thread policy tests
+// LSMsolver::establish_numthreads and init's thread decision.
 //
 // This executable defines its own `mkl_set_num_threads`, which the library's calls reach first;
 // it counts the calls and forwards them to MKL's. Every case sets the decided count and sets or
@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "interposers.h"
@@ -107,31 +105,6 @@ TEST_F(ThreadPolicy, ExplicitRequestIsUncappedAndReachesMklOnlyWhenItChanges)
     EXPECT_EQ(LSMsolver::mNumThreadsDefault, 64);
     EXPECT_EQ(g_setter_calls, 2);
     EXPECT_EQ(g_setter_last, 64);
-}
-
-// ---- load-time environment ----
-
-// Read before main runs, after the library's own load-time initializers.
-const char* const kDuplicateLibOkAtStart = std::getenv("KMP_DUPLICATE_LIB_OK");
-
-// Whether this process was started with KMP_DUPLICATE_LIB_OK=TRUE, from the environment block
-// the kernel handed it; setenv never writes there.
-bool launched_with_duplicate_lib_ok()
-{
-    std::ifstream in("/proc/self/environ", std::ios::binary);
-    const std::string block =
-        std::string(1, '\0') + std::string{std::istreambuf_iterator<char>(in), {}} + '\0';
-    const std::string entry = std::string(1, '\0') + "KMP_DUPLICATE_LIB_OK=TRUE" + '\0';
-    return block.find(entry) != std::string::npos;
-}
-
-TEST(LoadEnvironment, DuplicateOpenMpRuntimeIsAllowedBeforeMainStarts)
-{
-    if (launched_with_duplicate_lib_ok())
-        GTEST_SKIP() << "started with KMP_DUPLICATE_LIB_OK=TRUE: the library's setting cannot "
-                        "be told apart";
-    ASSERT_NE(kDuplicateLibOkAtStart, nullptr);
-    EXPECT_STREQ(kDuplicateLibOkAtStart, "TRUE");
 }
 
 } // namespace

@@ -9,7 +9,9 @@
 // storage, leading dimension kd + 1). Two copy rules coexist on purpose (see each function):
 // some copy for any non-zero copyInputs, others only for copyInputs == 1. Without a copy the
 // routine works in the caller's arrays, even those passed const. On failure the output matrix
-// is left as it was; nothing is printed or thrown (allocation failure aside).
+// is left as it was; nothing is printed or thrown (allocation failure aside). An output that
+// the function re-dimensions may be one of its inputs (X passed as B, C as A or B with beta ==
+// 0): the result is computed from the inputs as they were, and their block is released after.
 #ifndef KELMATRIX_DENSE_H
 #define KELMATRIX_DENSE_H
 
@@ -20,7 +22,7 @@
 /// C = alpha * op(A) * op(B) + beta * C. When beta == 0.0 exactly (-0.0 too; NaN is not), C is
 /// first re-dimensioned to op(A).rows x op(B).cols with fresh, unzeroed storage; otherwise C is
 /// used as it stands and must already have the right shape. k is taken from A alone; flags are
-/// not consulted (expand a symmetric operand first).
+/// not consulted (expand a symmetric operand first). With beta == 0.0, C may be A or B itself.
 KELMATRIX_API void ProductEx(double alpha, const KelMatrix& A, const KelMatrix& B, bool transA,
                              bool transB, double beta, KelMatrix& C);
 /// ProductEx(1.0, A, B, transA, transB, 0.0, C).

@@ -8,25 +8,25 @@
 #define KELMATRIX_EXPORT_H
 
 #if defined(_WIN32)
-#  if defined(KELMATRIX_BUILDING)
-#    define KELMATRIX_API __declspec(dllexport)
-#  else
-#    define KELMATRIX_API __declspec(dllimport)
-#  endif
-#  define KELMATRIX_LOCAL
+#    if defined(KELMATRIX_BUILDING)
+#        define KELMATRIX_API __declspec(dllexport)
+#    else
+#        define KELMATRIX_API __declspec(dllimport)
+#    endif
+#    define KELMATRIX_LOCAL
 #else
-#  define KELMATRIX_API __attribute__((visibility("default")))
-#  define KELMATRIX_LOCAL __attribute__((visibility("hidden")))
+#    define KELMATRIX_API __attribute__((visibility("default")))
+#    define KELMATRIX_LOCAL __attribute__((visibility("hidden")))
 #endif
 
 #if defined(_WIN32)
-#  if defined(KELMATRIX_MPI_BUILDING)
-#    define KELMATRIX_MPI_API __declspec(dllexport)
-#  else
-#    define KELMATRIX_MPI_API __declspec(dllimport)
-#  endif
+#    if defined(KELMATRIX_MPI_BUILDING)
+#        define KELMATRIX_MPI_API __declspec(dllexport)
+#    else
+#        define KELMATRIX_MPI_API __declspec(dllimport)
+#    endif
 #else
-#  define KELMATRIX_MPI_API __attribute__((visibility("default")))
+#    define KELMATRIX_MPI_API __attribute__((visibility("default")))
 #endif
 
 #endif

@@ -8,9 +8,9 @@
 #ifndef KELMATRIX_KELMATRIX_H
 #define KELMATRIX_KELMATRIX_H
 
-#include "kelmatrix/matrix.h"
-#include "kelmatrix/dense.h"
 #include "kelmatrix/band.h"
+#include "kelmatrix/dense.h"
+#include "kelmatrix/matrix.h"
 #include "kelmatrix/sparse.h"
 
 #endif

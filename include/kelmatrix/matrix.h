@@ -103,13 +103,13 @@ public:
     bool UsesLowerQ() { return usesLower; }
 
 protected:
-    int rowDim;              ///< number of rows
-    int colDim;              ///< number of columns
-    int lowerBandWidth;      ///< kl, -1 when no band was ever recorded
-    int upperBandWidth;      ///< ku, -1 when no band was ever recorded
-    double* elements;        ///< aligned start of the element array, inside rawStorage
-    double* rawStorage;      ///< the allocated block; the only pointer ever released
-    int storageSize;         ///< doubles of the element array that belong to the matrix
+    int rowDim;                   ///< number of rows
+    int colDim;                   ///< number of columns
+    int lowerBandWidth;           ///< kl, -1 when no band was ever recorded
+    int upperBandWidth;           ///< ku, -1 when no band was ever recorded
+    double* elements;             ///< aligned start of the element array, inside rawStorage
+    double* rawStorage;           ///< the allocated block; the only pointer ever released
+    int storageSize;              ///< doubles of the element array that belong to the matrix
     unsigned char symmetric : 1;  ///< one triangle stored, the other mirrored
     unsigned char triangular : 1; ///< only the used triangle is meaningful
     unsigned char banded : 1;     ///< the band widths are valid; only the band is meaningful

@@ -47,8 +47,9 @@ enum LSMsolver_mattype : int {
 /// PARDISO's fill-reducing orderings (its iparm[1] codes).
 enum LSMsolver_ordering : int {
     LSM_ORDERING_MINIMUM_DEGREE = 0,
-    LSM_ORDERING_NESTED_DISSECTION = 2,         ///< METIS; what init() sets
-    LSM_ORDERING_PARALLEL_NESTED_DISSECTION = 3 ///< METIS with OpenMP; pays off when analysis dominates
+    LSM_ORDERING_NESTED_DISSECTION = 2, ///< METIS; what init() sets
+    LSM_ORDERING_PARALLEL_NESTED_DISSECTION =
+        3 ///< METIS with OpenMP; pays off when analysis dominates
 };
 
 /// Opt-in PARDISO controls, applied by LSMsolver::set_settings() between init() and factor().
@@ -70,19 +71,19 @@ struct LSMsolver_settings {
     bool scalingAndMatching = false; ///< PARDISO iparm[10] and iparm[12]
     int pivotPerturbation = 13;      ///< PARDISO iparm[9]; 1..20
     LSMsolver_ordering ordering = LSM_ORDERING_NESTED_DISSECTION; ///< PARDISO iparm[1]
-    bool factorStatistics = false;   ///< PARDISO iparm[17] = -1 on entry
+    bool factorStatistics = false; ///< PARDISO iparm[17] = -1 on entry
 };
 
 /// What PARDISO reported, read after any call (see LSMsolver::diagnostics()).
 struct LSMsolver_diagnostics {
-    int error = 0;               ///< PARDISO's error code of the last call that reached it; 0: none
-    int lastPhase = 0;           ///< the PARDISO phase of that call (12, 22, 33, -1); 0: none yet
-    int perturbedPivots = 0;     ///< pivots PARDISO perturbed in the last (re)factorization
-    int refinementSteps = 0;     ///< iterative refinement steps of the last solve
-    int positiveEigenvalues = -1; ///< inertia after factoring type -2; -1 for other types
-    int negativeEigenvalues = -1; ///< inertia after factoring type -2; -1 for other types
-    int peakAnalysisMemoryKB = 0; ///< peak memory of the analysis, KiB
-    int peakFactorMemoryKB = 0;   ///< memory held by the factorization and solve, KiB
+    int error = 0;           ///< PARDISO's error code of the last call that reached it; 0: none
+    int lastPhase = 0;       ///< the PARDISO phase of that call (12, 22, 33, -1); 0: none yet
+    int perturbedPivots = 0; ///< pivots PARDISO perturbed in the last (re)factorization
+    int refinementSteps = 0; ///< iterative refinement steps of the last solve
+    int positiveEigenvalues = -1;  ///< inertia after factoring type -2; -1 for other types
+    int negativeEigenvalues = -1;  ///< inertia after factoring type -2; -1 for other types
+    int peakAnalysisMemoryKB = 0;  ///< peak memory of the analysis, KiB
+    int peakFactorMemoryKB = 0;    ///< memory held by the factorization and solve, KiB
     long long factorNonzeros = -1; ///< nonzeros in the factor; -1 unless factorStatistics is set
 };
 
@@ -106,8 +107,8 @@ enum LSMsolver_csr_problem : int {
     LSM_CSR_NONPOSITIVE_DIAGONAL,  ///< a diagonal value <= 0 for type 2
     LSM_CSR_NOT_FINITE,            ///< an infinite or NaN value
     LSM_CSR_BAD_BASE,              ///< LSMsolver_prepare_csr(): base is neither 0 nor 1
-    LSM_CSR_OUTSIDE_TRIANGLE,      ///< LSMsolver_prepare_csr(): an entry outside the stated triangle
-    LSM_CSR_BAD_ROW_RANGE          ///< LSMsolver_check_csr_rows(): rows not within 1..n, or none
+    LSM_CSR_OUTSIDE_TRIANGLE, ///< LSMsolver_prepare_csr(): an entry outside the stated triangle
+    LSM_CSR_BAD_ROW_RANGE     ///< LSMsolver_check_csr_rows(): rows not within 1..n, or none
 };
 
 /// The result of a check: the code, where (1-based row and 1-based position in ja/a; 0 where
@@ -157,10 +158,10 @@ enum LSMsolver_stored : int {
 
 /// Compressed rows as LSMsolver takes them: 1-based, owned, to be borrowed by LSMsolver.
 struct LSMsolver_csr {
-    int n = 0;              ///< order
-    std::vector<int> ia;    ///< n + 1 row starts, ia[0] = 1
-    std::vector<int> ja;    ///< column indices, ascending within each row
-    std::vector<double> a;  ///< values, beside ja
+    int n = 0;             ///< order
+    std::vector<int> ia;   ///< n + 1 row starts, ia[0] = 1
+    std::vector<int> ja;   ///< column indices, ascending within each row
+    std::vector<double> a; ///< values, beside ja
 };
 
 /// Builds in out the arrays LSMsolver expects for mtype from compressed rows with indices
@@ -256,8 +257,8 @@ private:
 
     int n;
     int nrhs;
-    int* ia; // borrowed from the caller
-    int* ja; // borrowed from the caller
+    int* ia;   // borrowed from the caller
+    int* ja;   // borrowed from the caller
     double* a; // borrowed from the caller
     LSMsolver_mattype mtype;
     int state;

@@ -137,9 +137,11 @@ public:
     /// may borrow new arrays, and factor() may run again.
     bool clear();
 
-    /// This rank's first and last row (1-based; 1 and n on rank 0 and 0 and -1 elsewhere after
-    /// init_on_root(); 0 and -1 before any init()).
+    /// This rank's first row (1-based; 1 on rank 0 and 0 elsewhere after init_on_root(); 0
+    /// before any init()).
     int first_row() const;
+    /// This rank's last row (1-based; n on rank 0 and -1 elsewhere after init_on_root(); -1
+    /// before any init()).
     int last_row() const;
 
 private:

@@ -1,0 +1,38 @@
+// KELMATRIX direct kernels (internal)
+// The native band algorithms on strided views of the library's own arrays.
+//
+// Each kernel computes exactly what its generic routine computes through the element accessor,
+// to the bit: every sum takes its terms in the routine's order, and only work on independent
+// elements is reordered (several columns j of one row of U at a time, several right-hand sides
+// through one pass). That is exact because the route decision (direct_route.h) hands over only
+// views whose touched elements have distinct addresses and arrays that do not overlap. The
+// kernels allocate nothing: their scratch is a fixed array on the stack, sized for bands up to
+// kMaxDirectWidth.
+#ifndef KELMATRIX_DIRECT_KERNELS_H
+#define KELMATRIX_DIRECT_KERNELS_H
+
+#include "band/direct_route.h"
+
+namespace kelmatrix {
+namespace internal {
+
+/// Cholesky_factor on the upper band of width bw >= 1 of the order-n view a; returns the count.
+int factor_kernel(const StridedView& a, int n, int bw, double tol);
+
+/// U^T y = b (forward) or U x = y (backward) with the order-n factor u of width bw >= 1, in
+/// place in rows off .. off + n - 1 of columns c_begin .. c_end - 1 of b.
+void forward_kernel(const StridedView& u, int n, int bw, const StridedView& b, int off, int c_begin,
+                    int c_end);
+void backward_kernel(const StridedView& u, int n, int bw, const StridedView& b, int off,
+                     int c_begin, int c_end);
+
+/// cyclic_Cholesky_factor in place on the three blocks of a (bw >= 1); returns the count of
+/// the Schur complement.
+int cyclic_factor_kernel(const BorderedViews& a, int bw, double tol);
+/// cyclic_Cholesky_subst of columns 0 .. nrhs - 1 of b with the factor in a.
+void cyclic_solve_kernel(const BorderedViews& a, int bw, const StridedView& b, int nrhs);
+
+} // namespace internal
+} // namespace kelmatrix
+
+#endif

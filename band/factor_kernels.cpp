@@ -1,0 +1,259 @@
+// KELMATRIX band factorization kernels (internal)
+// Cholesky_factor on a strided view of the upper band, bit for bit as the generic loops.
+//
+// Narrow bands keep the rows of U still needed in a small row-major ring on the stack, so the
+// update of row i runs over contiguous j with the rows k passing in ascending order; wider bands
+// (and dense storage) take each block of eight columns j of row i together, k ascending. Either
+// way every U(i, j) takes its terms in ascending k, exactly as the generic loops do: only the
+// work on different j is interleaved, which the distinct addresses of the view make exact.
+#include <algorithm>
+#include <cmath>
+
+#include "band/direct_kernels.h"
+#include "band/simd_pair.h"
+
+namespace kelmatrix {
+namespace internal {
+namespace {
+
+// Up to this width the ring kernel runs; its ring of 2 (w + 1)^2 doubles then takes at most
+// 2 * 64 * 64 doubles (64 KiB) of stack.
+constexpr int kRingWidth = 63;
+constexpr int kRingDoubles = 2 * (kRingWidth + 1) * (kRingWidth + 1);
+// The column kernel remembers which of the last kMaxDirectWidth + 1 pivots are positive.
+constexpr int kFlagMask = kMaxDirectWidth; // 2^14 - 1
+static_assert((kFlagMask & (kFlagMask + 1)) == 0, "the flag ring's size is a power of two");
+
+// Row i of the ring kernel: U(i, i+t) for t = 1 .. jl, jl = min(w, n - 1 - i); the rows
+// k = i - e of the window start at window - e R. Eight columns j at a time keep their running
+// sums in registers while the rows k pass in ascending order (e descending); row k reaches
+// t <= min(w - e, jl), so the first rows of a block may cover only part of it.
+template <int W, bool Full>
+void factor_row(const StridedView& a, int i, int w_runtime, int jl_runtime, double pivot,
+                const double* window, double* ri, double* ri2)
+{
+    constexpr int kBlock = 8;
+    const int w = W > 0 ? W : w_runtime, R = w + 1, jl = Full ? w : jl_runtime;
+    const Pair p = splat(pivot);
+    for (int t0 = 1; t0 <= jl; t0 += kBlock) {
+        const int tb = std::min(kBlock, jl - t0 + 1);
+        double acc[kBlock];
+        for (int q = 0; q < tb; ++q)
+            acc[q] = a(i, i + t0 + q);
+        int e = w - t0; // rows with e > w - t0 do not reach t0
+        for (; e >= 1 && std::min(w - e, jl) - t0 + 1 < tb; --e) {
+            const double* rk = window - e * R;
+            if (rk[0] > 0.0) { // strict: dropped (-1) and zero pivots do not contribute
+                const double f = rk[e];
+                const int cnt = std::min(w - e, jl) - t0 + 1;
+                for (int q = 0; q < cnt; ++q)
+                    acc[q] -= rk[e + t0 + q] * f;
+            }
+        }
+        if (tb == kBlock) {
+            // Built from the scalars (not reloaded as pairs: a wide load of narrow stores
+            // would stall on the row-to-row critical path).
+            Pair s0 = {acc[0], acc[1]}, s1 = {acc[2], acc[3]}, s2 = {acc[4], acc[5]},
+                 s3 = {acc[6], acc[7]};
+            for (; e >= 1; --e) {
+                const double* rk = window - e * R;
+                if (rk[0] > 0.0) {
+                    const Pair f = splat(rk[e]);
+                    const double* x = rk + e + t0;
+                    s0 -= load_pair(x) * f;
+                    s1 -= load_pair(x + 2) * f;
+                    s2 -= load_pair(x + 4) * f;
+                    s3 -= load_pair(x + 6) * f;
+                }
+            }
+            const Pair u[4] = {s0 / p, s1 / p, s2 / p, s3 / p};
+            for (int v = 0; v < 4; ++v) {
+                store_pair(ri + t0 + 2 * v, u[v]);
+                store_pair(ri2 + t0 + 2 * v, u[v]);
+                a(i, i + t0 + 2 * v) = u[v][0];
+                a(i, i + t0 + 2 * v + 1) = u[v][1];
+            }
+            continue;
+        }
+        for (; e >= 1; --e) {
+            const double* rk = window - e * R;
+            if (rk[0] > 0.0) {
+                const double f = rk[e];
+                for (int q = 0; q < tb; ++q)
+                    acc[q] -= rk[e + t0 + q] * f;
+            }
+        }
+        for (int q = 0; q < tb; ++q) { // one at a time: acc holds scalars (no wide reload)
+            const double u = acc[q] / pivot;
+            ri[t0 + q] = ri2[t0 + q] = u;
+            a(i, i + t0 + q) = u;
+        }
+    }
+}
+
+// Narrow band: row k of U, U(k, k .. k + w), is kept in a ring of w + 1 slots, each slot stored
+// twice so that the rows i - w .. i - 1 are always contiguous; slots not yet written stand for
+// rows before row 0 and hold a dropped pivot, so every row away from the end runs loops of the
+// same length (fixed at compile time for the widths instantiated). W > 0: the width w, else
+// w = min(bw, n - 1).
+template <int W> int factor_ring(const StridedView& a, int n, int bw, double tol)
+{
+    const int w = W > 0 ? W : std::min(bw, n - 1), R = w + 1;
+    alignas(32) double ring[kRingDoubles];
+    std::fill(ring, ring + 2 * R * R, -1.0);
+    int count = 0;
+    for (int i = 0, si = 0; i < n; ++i, si = si + 1 == R ? 0 : si + 1) {
+        double* const ri = ring + si * R;
+        double* const ri2 = ri + R * R;
+        const double* const window = ri2; // row i - e starts at window - e R
+
+        double d = a(i, i);
+        for (int e = w; e >= 1; --e) { // k = i - e ascending
+            const double* rk = window - e * R;
+            if (rk[0] > 0.0) // strict: dropped (-1) and zero pivots do not contribute
+                d -= rk[e] * rk[e];
+        }
+        if (d < tol) { // dropped pivot; d == tol and NaN are accepted
+            a(i, i) = -1.0;
+            ri[0] = ri2[0] = -1.0;
+            continue;
+        }
+        ++count;
+        const double pivot = std::sqrt(d);
+        a(i, i) = pivot;
+        ri[0] = ri2[0] = pivot;
+        if (i + w <= n - 1)
+            factor_row<W, true>(a, i, w, w, pivot, window, ri, ri2);
+        else // the last rows: j stops at n - 1
+            factor_row<W, false>(a, i, w, n - 1 - i, pivot, window, ri, ri2);
+    }
+    return count;
+}
+
+// Wide band or dense: each block of kBlock columns j of row i takes its terms from the columns
+// of U together, k ascending. Whether U(k, k) > 0 is kept for the last kFlagMask + 1 rows, more
+// than the band reaches back.
+int factor_columns(const StridedView& a, int n, int bw, double tol)
+{
+    constexpr int kBlock = 8;
+    unsigned char positive[kFlagMask + 1]; // U(k, k) > 0 at k & kFlagMask
+    int count = 0;
+    for (int i = 0; i < n; ++i) {
+        double d = a(i, i);
+        for (int k = std::max(0, i - bw); k < i; ++k)
+            if (positive[k & kFlagMask]) { // strict: dropped (-1) and zero pivots do not contribute
+                const double u = a(k, i);
+                d -= u * u;
+            }
+        if (d < tol) { // dropped pivot; d == tol and NaN are accepted
+            a(i, i) = -1.0;
+            positive[i & kFlagMask] = 0;
+            continue;
+        }
+        ++count;
+        const double pivot = std::sqrt(d);
+        a(i, i) = pivot;
+        positive[i & kFlagMask] = pivot > 0.0;
+
+        const int j_end = std::min(n - 1, i + bw);
+        for (int j0 = i + 1; j0 <= j_end; j0 += kBlock) {
+            const int nj = std::min(kBlock, j_end - j0 + 1);
+            double s[kBlock];
+            for (int jj = 0; jj < nj; ++jj)
+                s[jj] = a(i, j0 + jj);
+            // Column j takes k from max(0, j - bw): below k_all only some columns of the block.
+            const int k_all = std::min(i, std::max(0, j0 + nj - 1 - bw));
+            for (int k = std::max(0, j0 - bw); k < k_all; ++k)
+                if (positive[k & kFlagMask]) {
+                    const double f = a(k, i);
+                    for (int jj = 0; jj < nj; ++jj)
+                        if (k >= j0 + jj - bw)
+                            s[jj] -= a(k, j0 + jj) * f;
+                }
+            if (nj == kBlock && a.rs == 1) {
+                // Columns contiguous in k: rows k and k+1 of two columns make a 2 x 2 block,
+                // turned into pairs across j; each sum still takes k before k + 1.
+                const double* col[kBlock];
+                for (int jj = 0; jj < kBlock; ++jj)
+                    col[jj] = &a(0, j0 + jj);
+                const double* ci = &a(0, i);
+                Pair acc[kBlock / 2];
+                for (int v = 0; v < kBlock / 2; ++v)
+                    acc[v] = Pair{s[2 * v], s[2 * v + 1]};
+                for (int k = k_all; k < i;) {
+                    const bool pk = positive[k & kFlagMask];
+                    if (k + 1 < i && pk && positive[(k + 1) & kFlagMask]) {
+                        const Pair f0 = splat(ci[k]), f1 = splat(ci[k + 1]);
+                        for (int v = 0; v < kBlock / 2; ++v) {
+                            const Pair x = load_pair(col[2 * v] + k);     // (k, j), (k+1, j)
+                            const Pair y = load_pair(col[2 * v + 1] + k); // (k, j+1), (k+1, j+1)
+                            acc[v] -= Pair{x[0], y[0]} * f0;
+                            acc[v] -= Pair{x[1], y[1]} * f1;
+                        }
+                        k += 2;
+                        continue;
+                    }
+                    if (pk) {
+                        const Pair f = splat(ci[k]);
+                        for (int v = 0; v < kBlock / 2; ++v)
+                            acc[v] -= Pair{col[2 * v][k], col[2 * v + 1][k]} * f;
+                    }
+                    ++k;
+                }
+                for (int v = 0; v < kBlock / 2; ++v) {
+                    s[2 * v] = acc[v][0];
+                    s[2 * v + 1] = acc[v][1];
+                }
+            } else {
+                for (int k = k_all; k < i; ++k)
+                    if (positive[k & kFlagMask]) {
+                        const double f = a(k, i);
+                        for (int jj = 0; jj < nj; ++jj)
+                            s[jj] -= a(k, j0 + jj) * f;
+                    }
+            }
+            for (int jj = 0; jj < nj; ++jj)
+                a(i, j0 + jj) = s[jj] / pivot;
+        }
+    }
+    return count;
+}
+
+} // namespace
+
+int factor_kernel(const StridedView& a, int n, int bw, double tol)
+{
+    if (n <= 0)
+        return 0;
+    bw = std::min(bw, n); // the loops clamp at 0 and n - 1: wider changes nothing
+    switch (std::min(bw, n - 1)) {
+    case 1:
+        return factor_ring<1>(a, n, bw, tol);
+    case 2:
+        return factor_ring<2>(a, n, bw, tol);
+    case 3:
+        return factor_ring<3>(a, n, bw, tol);
+    case 4:
+        return factor_ring<4>(a, n, bw, tol);
+    case 5:
+        return factor_ring<5>(a, n, bw, tol);
+    case 6:
+        return factor_ring<6>(a, n, bw, tol);
+    case 7:
+        return factor_ring<7>(a, n, bw, tol);
+    case 8:
+        return factor_ring<8>(a, n, bw, tol);
+    case 16:
+        return factor_ring<16>(a, n, bw, tol);
+    case 32:
+        return factor_ring<32>(a, n, bw, tol);
+    default:
+        break;
+    }
+    if (std::min(bw, n - 1) <= kRingWidth)
+        return factor_ring<0>(a, n, bw, tol);
+    return factor_columns(a, n, bw, tol);
+}
+
+} // namespace internal
+} // namespace kelmatrix
