@@ -125,8 +125,10 @@ double median(std::vector<double> v)
     return v.size() % 2 ? v[k] : 0.5 * (v[k - 1] + v[k]);
 }
 
-// Waits for rank 0 without spinning, so that its threads have the cores.
-void idle_until_rank0_done()
+// Every rank calls this once rank 0 has finished its single-process run: the other ranks wait
+// there without spinning, so that rank 0's threads have the cores. (A nonblocking barrier on
+// every rank: it does not match a blocking one.)
+void wait_for_rank0()
 {
     MPI_Request request;
     MPI_Ibarrier(MPI_COMM_WORLD, &request);
@@ -205,10 +207,8 @@ int main(int argc, char** argv)
             if (!solved)
                 std::printf("bench_mpi: LSMsolver failed (error %d)\n", s.diagnostics().error);
         }
-        MPI_Barrier(MPI_COMM_WORLD);
-    } else {
-        idle_until_rank0_done();
     }
+    wait_for_rank0();
 
     if (g_rank == 0) {
         const int n = m * m * m;
