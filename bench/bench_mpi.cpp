@@ -6,9 +6,9 @@
 // alternating which runs first; then LSMsolver on rank 0 alone with p threads on the whole matrix
 // while the other ranks sleep. Reported: medians over the repetitions (times are the slowest
 // rank's, after a barrier), the wrapper's overhead (median of the per-repetition ratios), the
-// time against LSMsolver, and each rank's factor memory (the engine's diagnostics) against
-// LSMsolver's single-process figure. A second, small case repeats the pair many times, where the
-// wrapper's fixed costs (its reductions and the input check) weigh most.
+// time against LSMsolver, and each rank's factor memory and analysis peak (the engine's
+// diagnostics) against LSMsolver's single-process figures. A second, small case repeats the pair
+// many times, where the wrapper's fixed costs (its reductions and the input check) weigh most.
 //
 //   mpirun -np p bench_mpi [m] [repetitions]     (default 60 and 3)
 //   mpirun -np p bench_mpi --smoke               (m = 12, one repetition: CI runs, times nothing)
@@ -59,7 +59,8 @@ Rows laplacian_rows(int m, int first, int last)
 
 struct Times {
     double factor = 0.0, solve = 0.0;
-    int memory_kb = 0; // this rank's factor memory as the engine reports it
+    int memory_kb = 0;   // this rank's factor memory as the engine reports it
+    int analysis_kb = 0; // and its peak memory during the analysis
 };
 
 double slowest(double local)
@@ -81,6 +82,7 @@ Times run_wrapper(Rows& r, std::vector<double>& b, std::vector<double>& x)
     const bool solved = ok && s.solve(1, b.data(), x.data());
     t.solve = slowest(MPI_Wtime() - t0);
     t.memory_kb = s.diagnostics().peakFactorMemoryKB;
+    t.analysis_kb = s.diagnostics().peakAnalysisMemoryKB;
     if (!solved && g_rank == 0)
         std::printf("bench_mpi: the wrapper failed (error %d)\n", s.diagnostics().error);
     return t;
@@ -111,6 +113,7 @@ Times run_raw(Rows& r, std::vector<double>& b, std::vector<double>& x)
                           &error);
     t.solve = slowest(MPI_Wtime() - t0);
     t.memory_kb = iparm[15] + iparm[16];
+    t.analysis_kb = iparm[14];
     phase = -1;
     cluster_sparse_solver(pt, &maxfct, &mnum, &mtype, &phase, &r.n, r.a.data(), r.ia.data(),
                           r.ja.data(), &perm, &nrhs, iparm, &msglvl, b.data(), x.data(), &comm,
@@ -142,7 +145,7 @@ void wait_for_rank0()
 
 struct Pairs {
     std::vector<double> wf, ws, rf, rs, ratio; // wrapper and raw, factor and solve; total ratio
-    int memory_kb = 0;
+    int memory_kb = 0, analysis_kb = 0;
 };
 
 Pairs pairs(int m, int reps)
@@ -165,6 +168,7 @@ Pairs pairs(int m, int reps)
         p.rf.push_back(raw.factor), p.rs.push_back(raw.solve);
         p.ratio.push_back((w.factor + w.solve) / (raw.factor + raw.solve));
         p.memory_kb = w.memory_kb;
+        p.analysis_kb = w.analysis_kb;
     }
     return p;
 }
@@ -185,11 +189,13 @@ int main(int argc, char** argv)
     const Pairs big = pairs(m, reps);
     const Pairs small = pairs(small_m, small_reps);
     std::vector<int> memory(g_ranks);
+    std::vector<int> analysis(g_ranks);
     MPI_Gather(&big.memory_kb, 1, MPI_INT, memory.data(), 1, MPI_INT, 0, MPI_COMM_WORLD);
+    MPI_Gather(&big.analysis_kb, 1, MPI_INT, analysis.data(), 1, MPI_INT, 0, MPI_COMM_WORLD);
 
     // LSMsolver on rank 0, the whole matrix, as many threads as there are ranks.
     std::vector<double> sf, ss;
-    int single_kb = 0;
+    int single_kb = 0, single_analysis_kb = 0;
     if (g_rank == 0) {
         Rows whole = laplacian_rows(m, 1, m * m * m);
         std::vector<double> b(whole.n, 1.0), x(whole.n);
@@ -204,6 +210,7 @@ int main(int argc, char** argv)
             sf.push_back(std::chrono::duration<double>(t1 - t0).count());
             ss.push_back(std::chrono::duration<double>(t2 - t1).count());
             single_kb = s.diagnostics().peakFactorMemoryKB;
+            single_analysis_kb = s.diagnostics().peakAnalysisMemoryKB;
             if (!solved)
                 std::printf("bench_mpi: LSMsolver failed (error %d)\n", s.diagnostics().error);
         }
@@ -226,13 +233,16 @@ int main(int argc, char** argv)
                     g_ranks, median(sf), median(ss));
         std::printf("  cluster / LSMsolver, factor + solve: %.3f\n",
                     (median(big.wf) + median(big.ws)) / (median(sf) + median(ss)));
-        std::printf("  factor memory: LSMsolver (one process) %d KiB\n", single_kb);
+        std::printf("  memory: LSMsolver (one process) factor %d KiB, analysis peak %d KiB\n",
+                    single_kb, single_analysis_kb);
         for (int p = 0; p < g_ranks; ++p) {
             if (g_ranks == 1)
                 std::printf("  rank 0: not reported (the engine leaves it unset on one rank)\n");
             else
-                std::printf("  rank %d: %d KiB = %.3fx the single-process figure\n", p, memory[p],
-                            static_cast<double>(memory[p]) / single_kb);
+                std::printf("  rank %d: factor %d KiB = %.3fx, analysis peak %d KiB = %.3fx the "
+                            "single-process figures\n",
+                            p, memory[p], static_cast<double>(memory[p]) / single_kb, analysis[p],
+                            static_cast<double>(analysis[p]) / single_analysis_kb);
         }
         std::printf("  small case %d^3, %d pairs: wrapper / raw median %.4f (min %.4f, max %.4f), "
                     "raw factor + solve %.4f s\n",
