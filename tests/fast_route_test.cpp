@@ -4,6 +4,7 @@
 // library cannot address directly.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -42,12 +43,18 @@ private:
 // A KelMatrix of a derived type: same storage and accessor, but the generic route.
 struct DerivedKel : KelMatrix {};
 
-// The storages under test: dense plain / upper / lower, band kl = 0, band kl = 1 mirrored lower.
-enum Storage { kDense, kDenseUpper, kDenseLower, kBand, kBandLower, kStorages };
+// The storages under test: dense plain / upper / lower, band kl = 0, band kl = 1 mirrored lower,
+// and bordered (band block of width bw, border m).
+enum Storage { kDense, kDenseUpper, kDenseLower, kBand, kBandLower, kBordered };
 
 /// An n x n zero matrix in storage s; the band ones hold upper width min(bw, n - 1).
-std::unique_ptr<KelGenericMatrix> make(Storage s, int n, int bw)
+std::unique_ptr<KelGenericMatrix> make(Storage s, int n, int bw, int border = 0)
 {
+    if (s == kBordered) {
+        auto b = std::make_unique<KelMatrixBordered>();
+        EXPECT_EQ(b->DimensionBordered(n, bw, border), KEL_BORDERED_OK);
+        return b;
+    }
     std::unique_ptr<KelGenericMatrix> m(
         s >= kBand ? static_cast<KelGenericMatrix*>(new KelMatrixBanded) : new KelMatrix);
     m->SetSymmetric(s == kDenseUpper || s == kDenseLower || s == kBandLower);
@@ -62,7 +69,8 @@ std::unique_ptr<KelGenericMatrix> make(Storage s, int n, int bw)
     return m;
 }
 
-// A twin in the same storage type with the same flags and bits.
+// A twin in the same storage type (a bordered one already of the same sizes) with the same
+// flags and bits.
 void twin(KelGenericMatrix& src, KelGenericMatrix& dst)
 {
     dst.SetSymmetric(src.SymmetricQ());
@@ -88,6 +96,7 @@ bool same_storage(const KelGenericMatrix& a, const KelGenericMatrix& b)
 
 // Upper band of a nearly SPD matrix with the pivots' edge cases sprinkled in: tiny diagonals
 // (dropped with tol > 0), zero rows (zero pivots with tol <= 0), NaN and negative diagonals.
+// Writes outside a bordered storage's pattern are lost, as documented.
 void fill_band(KelGenericMatrix& A, int n, int bw, std::mt19937_64& rng)
 {
     std::uniform_real_distribution<double> u(-1.0, 1.0);
@@ -128,10 +137,10 @@ void rhs_agrees(int rows, int cols, bool symmetric, std::mt19937_64& rng, Subst 
 /// each count of right-hand sides (and a symmetric n x n one if asked) through both factors.
 template <class Factor, class Subst>
 void routes_agree(Storage s, int n, int bw, std::initializer_list<int> rhs, bool symmetric_rhs,
-                  std::mt19937_64& rng, Factor factor, Subst subst)
+                  std::mt19937_64& rng, Factor factor, Subst subst, int m = 0)
 {
-    auto fast = make(s, n, bw), slow = make(s, n, bw);
-    fill_band(*fast, n, bw, rng);
+    auto fast = make(s, n, bw, m), slow = make(s, n, bw, m);
+    fill_band(*fast, n, s == kBordered ? n - 1 : bw, rng); // bordered: the border filled too
     twin(*fast, *slow);
     Forward generic(*slow);
     ASSERT_EQ(factor(*fast), factor(generic));
@@ -153,7 +162,7 @@ TEST(FastRoute, BandCholeskyMatchesTheGenericRoute)
                             {40, 8}, {25, 24}, {130, 100}, {20, 0}};
     for (const auto& c : cases)
         for (double tol : {1e-3, 0.0, -1.0})
-            for (int s = 0; s < kStorages; ++s) {
+            for (int s = 0; s <= kBandLower; ++s) {
                 const int n = c[0], bw = c[1];
                 SCOPED_TRACE(testing::Message()
                              << "storage " << s << " n " << n << " bw " << bw << " tol " << tol);
@@ -163,6 +172,11 @@ TEST(FastRoute, BandCholeskyMatchesTheGenericRoute)
                     [&](KelGenericMatrix& A) { return Cholesky_factor(A, bw, tol); },
                     [&](KelGenericMatrix& A, KelMatrix& b) { Cholesky_subst(A, bw, b); });
             }
+    // A band too wide for the ring of solved rows: the blocks read them back from b.
+    routes_agree(
+        kDense, 560, 540, {17}, false, rng,
+        [](KelGenericMatrix& A) { return Cholesky_factor(A, 540, 0.0); },
+        [](KelGenericMatrix& A, KelMatrix& b) { Cholesky_subst(A, 540, b); });
     // Band storage narrower than the width used: the accessor's out-of-band addresses.
     routes_agree(
         kBand, 12, 1, {}, false, rng,
@@ -174,19 +188,22 @@ TEST(FastRoute, CyclicCholeskyMatchesTheGenericRoute)
 {
     std::mt19937_64 rng(kt::seed() + 1);
     SCOPED_TRACE(kt::seed_note());
-    const int cases[][3] = {{12, 2, 2}, {9, 1, 1},  {10, 3, 0}, {0, 2, 5},
-                            {8, 0, 2},  {8, -1, 2}, {6, 9, 3},  {120, 100, 2}};
+    const int cases[][3] = {{12, 2, 2}, {9, 1, 1}, {10, 3, 0},    {0, 2, 5}, {8, 0, 2},
+                            {8, -1, 2}, {6, 9, 3}, {120, 100, 2}, {60, 3, 9}};
     for (const auto& c : cases)
-        for (double tol : {1e-3, 0.0})
-            for (Storage s : {kDense, kDenseUpper, kDenseLower, kBand}) {
+        for (double tol : {1e-3, 0.0, -1.0})
+            for (Storage s : {kDense, kDenseUpper, kDenseLower, kBand, kBordered}) {
                 const int nb = c[0], bw = c[1], m = c[2], n = nb + m;
                 SCOPED_TRACE(testing::Message() << "storage " << s << " nb " << nb << " bw " << bw
                                                 << " m " << m << " tol " << tol);
-                // Band storage holding the whole upper triangle.
+                // Band storage holding the whole upper triangle; bordered storage of this m and
+                // of width bw, or one wider than the routines use.
+                const int stored = s == kBordered ? std::max(bw, 0) + (tol == 0.0) : n - 1;
                 routes_agree(
-                    s, n, n - 1, {1, 3}, false, rng,
+                    s, n, stored, {1, 3}, false, rng,
                     [&](KelGenericMatrix& A) { return cyclic_Cholesky_factor(A, bw, m, tol); },
-                    [&](KelGenericMatrix& A, KelMatrix& b) { cyclic_Cholesky_subst(A, bw, m, b); });
+                    [&](KelGenericMatrix& A, KelMatrix& b) { cyclic_Cholesky_subst(A, bw, m, b); },
+                    m);
             }
 }
 
