@@ -2,7 +2,8 @@
 # Installs what is missing, builds KELMATRIX with its benchmarks (Release, `bench` preset) and
 # runs every benchmark at 1 and then 2 threads. Each case prints the library's time, the raw
 # MKL routine's (or peer's) time measured in the same process, and their ratio (medians).
-#   scripts/bench.sh            the full run (about 15 minutes on 2 cores)
+#   scripts/bench.sh            the full run (about 15 minutes on 2 cores; with MPI, bench_mpi's
+#                               60^3 grid on 1 and 2 ranks adds 5 to 15 minutes)
 #   scripts/bench.sh --smoke    every case once on small sizes (CI: builds and runs, times nothing)
 # Results also go to build/<preset>/results/<executable>-<threads>t.json. KELMATRIX_BENCH_PRESET
 # names another configure preset that builds the benchmarks (CI: werror, already built).
@@ -12,7 +13,14 @@ mode="${1:-full}"
 preset="${KELMATRIX_BENCH_PRESET:-bench}"
 bash scripts/install-deps.sh
 cmake --preset "$preset" >/dev/null
-cmake --build "build/$preset" -j "$(nproc)" --target bench_band bench_dense bench_sparse
+targets=(bench_band bench_dense bench_sparse)
+# bench_mpi exists when CMake found MPI (the distributed solver's library is built then).
+# (The list is read whole first: grep -q would close the pipe early, and pipefail would fail it.)
+build_targets=$(cmake --build "build/$preset" --target help)
+if grep -qw bench_mpi <<<"$build_targets"; then
+    targets+=(bench_mpi)
+fi
+cmake --build "build/$preset" -j "$(nproc)" --target "${targets[@]}"
 
 bin="build/$preset/bench"
 out="build/$preset/results"
@@ -42,5 +50,20 @@ for threads in 1 2; do
     run bench_dense "$threads"
     run bench_sparse "$threads"
 done
+# The distributed solver on 1 and then 2 ranks of one thread each (against LSMsolver on one
+# process with as many threads), under mpirun with Open MPI's switches for root and 2 cores. The
+# smoke pass (a 12^3 grid, well under a second) is bounded so that a rank left waiting fails it.
+if [[ " ${targets[*]} " == *" bench_mpi "* ]]; then
+    for ranks in 1 2; do
+        echo "== bench_mpi, $ranks rank(s) x 1 thread"
+        if [ "$mode" = "--smoke" ]; then
+            OMP_NUM_THREADS=1 timeout 300 mpirun --allow-run-as-root --oversubscribe \
+                -np "$ranks" "$bin/bench_mpi" --smoke
+        else
+            OMP_NUM_THREADS=1 mpirun --allow-run-as-root --oversubscribe -np "$ranks" \
+                "$bin/bench_mpi" | tee "$out/bench_mpi-${ranks}r.txt"
+        fi
+    done
+fi
 uptime
 echo "bench: done in $(( $(date +%s) - start )) s"
