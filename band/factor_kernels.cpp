@@ -252,6 +252,8 @@ int factor_kernel(const StridedView& a, int n, int bw, double tol)
     }
     if (std::min(bw, n - 1) <= kRingWidth)
         return factor_ring<0>(a, n, bw, tol);
+    if (bw >= n - 1) // every k from 0: the tiled kernel
+        return tiled_factor_kernel(a, n, tol);
     return factor_columns(a, n, bw, tol);
 }
 
