@@ -19,53 +19,53 @@ namespace {
 
 // Right-hand sides walked together, at most.
 constexpr int kColumnBlock = 16;
-// The ring of solved rows: at most this many doubles (64 KiB); a block of W columns needs
-// (min(bw, n - 1) + 1) W of them, so wide bands walk fewer columns at a time.
+// The ring of solved rows: at most this many doubles (64 KiB), (min(bw, n - 1) + 1) W of them
+// for a block of W columns; wider bands read the solved rows from the right-hand sides.
 constexpr int kRingDoubles = 8192;
 // Distance in doubles between diagonal elements beyond which the diagonal is copied first, and
 // the longest diagonal copied (32 KiB).
 constexpr long long kFarDiagonal = 64;
 constexpr int kDiagonalCopy = 4096;
 
+// What distinguishes the two passes: the forward pass runs i up and each sum's k down from
+// i - 1, reading U(k, i), and solves unless U(i, i) < 0; the backward pass runs i down and k up
+// from i + 1, reading U(i, k), and solves unless U(i, i) <= 0. NaN solves in both.
+template <bool Forward> struct Pass {
+    static int first(int n) { return Forward ? 0 : n - 1; }
+    static bool in(int i, int n) { return Forward ? i < n : i >= 0; }
+    static int next(int i) { return Forward ? i + 1 : i - 1; }
+    static int prev(int k) { return Forward ? k - 1 : k + 1; } // the next term of a sum
+    static int last_term(int i, int n, int bw)
+    {
+        return Forward ? std::max(0, i - bw) : std::min(n - 1, i + bw);
+    }
+    static bool reaches(int k, int last) { return Forward ? k >= last : k <= last; }
+    static double coefficient(const StridedView& u, int i, int k)
+    {
+        return Forward ? u(k, i) : u(i, k);
+    }
+    static bool solves(double d) { return Forward ? !(d < 0.0) : !(d <= 0.0); }
+};
+
 // One right-hand side. The first term of each unknown is the unknown just stored, taken from a
 // register instead of memory: no store lies between, so it is the value a load would return.
-void forward_column(const StridedView& u, const StridedView& diag, int n, int bw,
-                    const StridedView& b, int off, int c)
+template <bool Forward>
+void walk_column(const StridedView& u, const StridedView& diag, int n, int bw, const StridedView& b,
+                 int off, int c)
 {
+    using P = Pass<Forward>;
     double last = 0.0;
-    for (int i = 0; i < n; ++i) {
-        const double d = diag(i, i);
-        double y = 0.0;
-        if (!(d < 0.0)) { // zero included (divides by it), and NaN too; only dropped give 0
-            double s = b(i + off, c);
-            const int k_end = std::max(0, i - bw);
-            if (i - 1 >= k_end && diag(i - 1, i - 1) >= 0.0) // zero included, NaN excluded
-                s -= u(i - 1, i) * last;
-            for (int k = i - 2; k >= k_end; --k)
-                if (diag(k, k) >= 0.0)
-                    s -= u(k, i) * b(k + off, c);
-            y = s / d;
-        }
-        b(i + off, c) = y;
-        last = y;
-    }
-}
-
-void backward_column(const StridedView& u, const StridedView& diag, int n, int bw,
-                     const StridedView& b, int off, int c)
-{
-    double last = 0.0;
-    for (int i = n - 1; i >= 0; --i) {
+    for (int i = P::first(n); P::in(i, n); i = P::next(i)) {
         const double d = diag(i, i);
         double x = 0.0;
-        if (!(d <= 0.0)) { // strictly positive, and NaN too; zero and dropped give 0
+        if (P::solves(d)) {
             double s = b(i + off, c);
-            const int k_end = std::min(n - 1, i + bw);
-            if (i + 1 <= k_end && diag(i + 1, i + 1) >= 0.0) // zero included, NaN excluded
-                s -= u(i, i + 1) * last;
-            for (int k = i + 2; k <= k_end; ++k)
-                if (diag(k, k) >= 0.0)
-                    s -= u(i, k) * b(k + off, c);
+            const int k_last = P::last_term(i, n, bw), k = P::prev(i);
+            if (P::reaches(k, k_last) && diag(k, k) >= 0.0) // zero included, NaN excluded
+                s -= P::coefficient(u, i, k) * last;
+            for (int kk = P::prev(k); P::reaches(kk, k_last); kk = P::prev(kk))
+                if (diag(kk, kk) >= 0.0)
+                    s -= P::coefficient(u, i, kk) * b(kk + off, c);
             x = s / d;
         }
         b(i + off, c) = x;
@@ -73,19 +73,26 @@ void backward_column(const StridedView& u, const StridedView& diag, int n, int b
     }
 }
 
-// W right-hand sides together; ring holds (min(bw, n - 1) + 1) W doubles.
-template <int W>
-void forward_block(const StridedView& u, const StridedView& diag, int n, int bw,
-                   const StridedView& b, int off, int c0, double* ring)
+// W right-hand sides together. With a ring of (min(bw, n - 1) + 1) W doubles the solved rows
+// are kept row-major, slot i mod rows, so every term is one vector load; without one
+// (ring == nullptr) they are read back from b.
+template <bool Forward, int W>
+void walk_block(const StridedView& u, const StridedView& diag, int n, int bw, const StridedView& b,
+                int off, int c0, double* ring)
 {
+    using P = Pass<Forward>;
     constexpr int V = W / 2;
     const int rows = std::min(bw, n - 1) + 1;
-    for (int i = 0, si = 0; i < n; ++i, si = si + 1 == rows ? 0 : si + 1) {
-        double* const yi = ring + si * W;
+    const auto up = [rows](int s) { return s + 1 == rows ? 0 : s + 1; };
+    const auto down = [rows](int s) { return s == 0 ? rows - 1 : s - 1; };
+    for (int i = P::first(n), si = i % rows; P::in(i, n);
+         i = P::next(i), si = Forward ? up(si) : down(si)) {
+        double* const xi = ring ? ring + si * W : nullptr;
         const double d = diag(i, i);
-        if (d < 0.0) { // dropped
+        if (!P::solves(d)) {
             for (int c = 0; c < W; ++c) {
-                yi[c] = 0.0;
+                if (ring)
+                    xi[c] = 0.0;
                 b(i + off, c0 + c) = 0.0;
             }
             continue;
@@ -93,59 +100,26 @@ void forward_block(const StridedView& u, const StridedView& diag, int n, int bw,
         Pair s[V];
         for (int v = 0; v < V; ++v)
             s[v] = Pair{b(i + off, c0 + 2 * v), b(i + off, c0 + 2 * v + 1)};
-        const int k_end = std::max(0, i - bw);
-        for (int k = i - 1, sk = si; k >= k_end; --k) {
-            sk = sk == 0 ? rows - 1 : sk - 1;
+        const int k_last = P::last_term(i, n, bw);
+        for (int k = P::prev(i), sk = Forward ? down(si) : up(si); P::reaches(k, k_last);
+             k = P::prev(k), sk = Forward ? down(sk) : up(sk)) {
             if (diag(k, k) >= 0.0) { // zero included, NaN excluded
-                const Pair f = splat(u(k, i));
-                const double* yk = ring + sk * W;
-                for (int v = 0; v < V; ++v)
-                    s[v] -= f * load_pair(yk + 2 * v);
-            }
-        }
-        const Pair dv = splat(d);
-        for (int v = 0; v < V; ++v) {
-            const Pair y = s[v] / dv;
-            store_pair(yi + 2 * v, y);
-            b(i + off, c0 + 2 * v) = y[0];
-            b(i + off, c0 + 2 * v + 1) = y[1];
-        }
-    }
-}
-
-template <int W>
-void backward_block(const StridedView& u, const StridedView& diag, int n, int bw,
-                    const StridedView& b, int off, int c0, double* ring)
-{
-    constexpr int V = W / 2;
-    const int rows = std::min(bw, n - 1) + 1;
-    for (int i = n - 1, si = (n - 1) % rows; i >= 0; --i, si = si == 0 ? rows - 1 : si - 1) {
-        double* const xi = ring + si * W;
-        const double d = diag(i, i);
-        if (d <= 0.0) { // zero and dropped
-            for (int c = 0; c < W; ++c) {
-                xi[c] = 0.0;
-                b(i + off, c0 + c) = 0.0;
-            }
-            continue;
-        }
-        Pair s[V];
-        for (int v = 0; v < V; ++v)
-            s[v] = Pair{b(i + off, c0 + 2 * v), b(i + off, c0 + 2 * v + 1)};
-        const int k_end = std::min(n - 1, i + bw);
-        for (int k = i + 1, sk = si; k <= k_end; ++k) {
-            sk = sk + 1 == rows ? 0 : sk + 1;
-            if (diag(k, k) >= 0.0) { // zero included, NaN excluded
-                const Pair f = splat(u(i, k));
-                const double* xk = ring + sk * W;
-                for (int v = 0; v < V; ++v)
-                    s[v] -= f * load_pair(xk + 2 * v);
+                const Pair f = splat(P::coefficient(u, i, k));
+                if (ring) {
+                    const double* xk = ring + sk * W;
+                    for (int v = 0; v < V; ++v)
+                        s[v] -= f * load_pair(xk + 2 * v);
+                } else {
+                    for (int v = 0; v < V; ++v)
+                        s[v] -= f * Pair{b(k + off, c0 + 2 * v), b(k + off, c0 + 2 * v + 1)};
+                }
             }
         }
         const Pair dv = splat(d);
         for (int v = 0; v < V; ++v) {
             const Pair x = s[v] / dv;
-            store_pair(xi + 2 * v, x);
+            if (ring)
+                store_pair(xi + 2 * v, x);
             b(i + off, c0 + 2 * v) = x[0];
             b(i + off, c0 + 2 * v + 1) = x[1];
         }
@@ -166,27 +140,20 @@ void substitute(const StridedView& u, int n, int bw, const StridedView& b, int o
             diag_copy[k] = u(k, k);
         diag = StridedView{diag_copy, 1, 0};
     }
-    alignas(32) double ring[kRingDoubles];
+    alignas(32) double ring_doubles[kRingDoubles];
     const int rows = std::min(bw, n - 1) + 1;
-    auto run = [&](auto width) { // blocks of w columns while they fit the ring
+    auto run = [&](auto width) {
         constexpr int w = decltype(width)::value;
-        for (; c_end - c >= w && rows * w <= kRingDoubles; c += w) {
-            if (Forward)
-                forward_block<w>(u, diag, n, bw, b, off, c, ring);
-            else
-                backward_block<w>(u, diag, n, bw, b, off, c, ring);
-        }
+        double* ring = rows * w <= kRingDoubles ? ring_doubles : nullptr;
+        for (; c_end - c >= w; c += w)
+            walk_block<Forward, w>(u, diag, n, bw, b, off, c, ring);
     };
     run(std::integral_constant<int, kColumnBlock>{});
     run(std::integral_constant<int, 8>{});
     run(std::integral_constant<int, 4>{});
     run(std::integral_constant<int, 2>{});
-    for (; c < c_end; ++c) {
-        if (Forward)
-            forward_column(u, diag, n, bw, b, off, c);
-        else
-            backward_column(u, diag, n, bw, b, off, c);
-    }
+    for (; c < c_end; ++c)
+        walk_column<Forward>(u, diag, n, bw, b, off, c);
 }
 
 } // namespace

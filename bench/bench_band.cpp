@@ -1,5 +1,6 @@
 // KELMATRIX benchmarks: the native band solvers
-// Band and dense Cholesky against LAPACK, the cyclic routines against the plain band solve,
+// Band and dense Cholesky against LAPACK, the cyclic routines on KelMatrixBordered against a
+// user-written bordered subclass and the plain band solve,
 // SolveBSP_Cyclic against the cyclic routines, Solve_Kronecker against its two LAPACK solves
 // and against the sparse solver on the assembled product.
 //
@@ -222,7 +223,8 @@ void dense_subst(benchmark::State& state, int n, int nrhs)
         2.0 * n * n * nrhs);
 }
 
-// ---- cyclic routines on bordered storage vs the plain band solve of the same order ----
+// ---- cyclic routines on KelMatrixBordered vs a user-written subclass and the plain band solve
+// ----
 
 // A periodic band matrix of half-bandwidth bw with its last m unknowns ordered last: the
 // off-diagonals -1/d at distance d wrap around, the diagonal is 4.
@@ -240,7 +242,7 @@ template <class M> void fill_periodic(M& A, int n, int bw)
 // A band block with diagonal 4 and off-diagonals -1/d, and either the periodic wrap-around
 // (the border columns hold a few entries; their fill W = U11^-T A12 decays geometrically into
 // subnormal numbers) or dense border columns of norm ~0.6 and a corner of 10 (no decay).
-void fill_bordered(BorderedMatrix& A, int n, int bw, int m, bool periodic)
+template <class M> void fill_bordered(M& A, int n, int bw, int m, bool periodic)
 {
     if (periodic) {
         fill_periodic(A, n, bw);
@@ -264,9 +266,13 @@ void fill_bordered(BorderedMatrix& A, int n, int bw, int m, bool periodic)
 
 void cyclic(benchmark::State& state, int n, int bw, int m, bool periodic)
 {
-    BorderedMatrix A(n - m, bw, m);
+    KelMatrixBordered A; // the library's bordered storage: the direct route
+    A.DimensionBordered(n, bw, m);
     fill_bordered(A, n, bw, m, periodic);
-    const std::vector<double> band0 = A.Band(), border0 = A.Border(), corner0 = A.Corner();
+    const std::vector<double> a0 = kb::storage_of(A);
+    BorderedMatrix U(n - m, bw, m); // the same system in a user-written subclass
+    fill_bordered(U, n, bw, m, periodic);
+    const std::vector<double> band0 = U.Band(), border0 = U.Border(), corner0 = U.Corner();
     KelMatrixBanded P; // the plain band of the same order, without the wrap-around
     P.Dimension(n, n, 0, bw);
     P.SetZero();
@@ -278,20 +284,17 @@ void cyclic(benchmark::State& state, int n, int bw, int m, bool periodic)
     const std::vector<double> p0 = kb::storage_of(P);
     KelMatrixBanded L; // the same plain band through LAPACK, for context
     L.Dimension(n, n, 0, bw);
-    KelMatrix B0, B, PB, LB;
+    KelMatrix B0, B, UB, PB, LB;
     kb::fill_random(B0, n, 1, 7);
     const std::vector<double> b0 = kb::storage_of(B0);
-    B.Dimension(n, 1, -1, -1);
-    PB.Dimension(n, 1, -1, -1);
-    LB.Dimension(n, 1, -1, -1);
+    for (KelMatrix* X : {&B, &UB, &PB, &LB})
+        X->Dimension(n, 1, -1, -1);
 
     long long temp_peak = 0;
     const int ldab = bw + 1, one = 1;
-    int info = 0, count = 0;
+    int info = 0, count = 0, user_count = 0;
     kb::Timed lib{[&] {
-                      A.Band() = band0;
-                      A.Border() = border0;
-                      A.Corner() = corner0;
+                      kb::restore(A, a0);
                       kb::restore(B, b0);
                   },
                   [&] {
@@ -309,6 +312,16 @@ void cyclic(benchmark::State& state, int n, int bw, int m, bool periodic)
                       Cholesky_factor(P, bw, kTol);
                       Cholesky_subst(P, bw, PB);
                   }};
+    kb::Timed user{[&] {
+                       U.Band() = band0;
+                       U.Border() = border0;
+                       U.Corner() = corner0;
+                       kb::restore(UB, b0);
+                   },
+                   [&] {
+                       user_count = cyclic_Cholesky_factor(U, bw, m, kTol);
+                       cyclic_Cholesky_subst(U, bw, m, UB);
+                   }};
     kb::Timed lapack{[&] {
                          kb::restore(L, p0);
                          kb::restore(LB, b0);
@@ -318,15 +331,17 @@ void cyclic(benchmark::State& state, int n, int bw, int m, bool periodic)
                          dpbtrs(&kUpper, &n, &bw, &one, L.GetElements(), &ldab, LB.GetElements(),
                                 &n, &info, 1);
                      }};
-    kb::compare(state, lib, ref, 0.0, true, {{"lapack", lapack}});
+    kb::compare(state, lib, ref, 0.0, true, {{"user_subclass", user}, {"lapack", lapack}});
     const double mb = 1e-6, band_bytes = sizeof(double) * static_cast<double>(n) * (bw + 1);
-    const double inputs = static_cast<double>(A.StorageBytes()) + sizeof(double) * n;
+    const double inputs = sizeof(double) * (static_cast<double>(A.GetStorageSize()) + n);
     state.counters["band_MB"] = band_bytes * mb;
     state.counters["temp_MB"] = temp_peak * mb;
     state.counters["peak_MB"] = (inputs + temp_peak) * mb;
     state.counters["peak_per_band"] = (inputs + temp_peak) / band_bytes;
-    if (count != m || info != 0)
+    if (count != m || user_count != m || info != 0)
         state.SkipWithError("system not positive definite");
+    else if (kb::storage_of(B) != kb::storage_of(UB))
+        state.SkipWithError("the bordered storage and the user subclass disagree");
 }
 
 // ---- SolveBSP_Cyclic (LAPACK + Schur) vs the cyclic routines, dense storage ----

@@ -5,6 +5,7 @@
 // forced through the library's internal switch (this test links a static build to reach it).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -44,12 +45,18 @@ private:
 // A KelMatrix of a derived type: same storage and accessor, but the generic route.
 struct DerivedKel : KelMatrix {};
 
-// The storages under test: dense plain / upper / lower, band kl = 0, band kl = 1 mirrored lower.
-enum Storage { kDense, kDenseUpper, kDenseLower, kBand, kBandLower, kStorages };
+// The storages under test: dense plain / upper / lower, band kl = 0, band kl = 1 mirrored lower,
+// and bordered (band block of width bw, border m).
+enum Storage { kDense, kDenseUpper, kDenseLower, kBand, kBandLower, kBordered };
 
 /// An n x n zero matrix in storage s; the band ones hold upper width min(bw, n - 1).
-std::unique_ptr<KelGenericMatrix> make(Storage s, int n, int bw)
+std::unique_ptr<KelGenericMatrix> make(Storage s, int n, int bw, int border = 0)
 {
+    if (s == kBordered) {
+        auto b = std::make_unique<KelMatrixBordered>();
+        EXPECT_EQ(b->DimensionBordered(n, bw, border), KEL_BORDERED_OK);
+        return b;
+    }
     std::unique_ptr<KelGenericMatrix> m(
         s >= kBand ? static_cast<KelGenericMatrix*>(new KelMatrixBanded) : new KelMatrix);
     m->SetSymmetric(s == kDenseUpper || s == kDenseLower || s == kBandLower);
@@ -64,7 +71,8 @@ std::unique_ptr<KelGenericMatrix> make(Storage s, int n, int bw)
     return m;
 }
 
-// A twin in the same storage type with the same flags and bits.
+// A twin in the same storage type (a bordered one already of the same sizes) with the same
+// flags and bits.
 void twin(KelGenericMatrix& src, KelGenericMatrix& dst)
 {
     dst.SetSymmetric(src.SymmetricQ());
@@ -90,7 +98,8 @@ bool same_storage(const KelGenericMatrix& a, const KelGenericMatrix& b)
 
 // Upper band of a nearly SPD matrix with the pivots' edge cases sprinkled in: tiny diagonals
 // (dropped with tol > 0), zero rows (zero pivots with tol <= 0), NaN and negative diagonals, on
-// 4 rows in 10, or on 4 in 100 when rare (long runs of kept rows between them).
+// 4 rows in 10, or on 4 in 100 when rare (long runs of kept rows between them). Writes outside
+// a bordered storage's pattern are lost, as documented.
 void fill_band(KelGenericMatrix& A, int n, int bw, std::mt19937_64& rng, bool rare = false)
 {
     std::uniform_real_distribution<double> u(-1.0, 1.0);
@@ -131,10 +140,10 @@ void rhs_agrees(int rows, int cols, bool symmetric, std::mt19937_64& rng, Subst 
 /// each count of right-hand sides (and a symmetric n x n one if asked) through both factors.
 template <class Factor, class Subst>
 void routes_agree(Storage s, int n, int bw, std::initializer_list<int> rhs, bool symmetric_rhs,
-                  std::mt19937_64& rng, Factor factor, Subst subst, bool rare = false)
+                  std::mt19937_64& rng, Factor factor, Subst subst, int m = 0, bool rare = false)
 {
-    auto fast = make(s, n, bw), slow = make(s, n, bw);
-    fill_band(*fast, n, bw, rng, rare);
+    auto fast = make(s, n, bw, m), slow = make(s, n, bw, m);
+    fill_band(*fast, n, s == kBordered ? n - 1 : bw, rng, rare); // bordered: the border too
     twin(*fast, *slow);
     Forward generic(*slow);
     ASSERT_EQ(factor(*fast), factor(generic));
@@ -182,7 +191,7 @@ TEST_P(FastRoute, BandCholeskyMatchesTheGenericRoute)
                             {40, 8}, {25, 24}, {130, 100}, {20, 0}};
     for (const auto& c : cases)
         for (double tol : {1e-3, 0.0, -1.0})
-            for (int s = 0; s < kStorages; ++s) {
+            for (int s = 0; s <= kBandLower; ++s) {
                 const int n = c[0], bw = c[1];
                 SCOPED_TRACE(testing::Message()
                              << "storage " << s << " n " << n << " bw " << bw << " tol " << tol);
@@ -192,6 +201,11 @@ TEST_P(FastRoute, BandCholeskyMatchesTheGenericRoute)
                     [&](KelGenericMatrix& A) { return Cholesky_factor(A, bw, tol); },
                     [&](KelGenericMatrix& A, KelMatrix& b) { Cholesky_subst(A, bw, b); });
             }
+    // A band too wide for the ring of solved rows: the blocks read them back from b.
+    routes_agree(
+        kDense, 560, 540, {17}, false, rng,
+        [](KelGenericMatrix& A) { return Cholesky_factor(A, 540, 0.0); },
+        [](KelGenericMatrix& A, KelMatrix& b) { Cholesky_subst(A, 540, b); });
     // The whole triangle of larger orders (the tiled kernel: several blocks of rows, several
     // chunks of rows above a block, a last block and tile cut short), edge cases rare or not.
     for (const int n : {97, 301})
@@ -203,7 +217,7 @@ TEST_P(FastRoute, BandCholeskyMatchesTheGenericRoute)
                     routes_agree(
                         s, n, n - 1, {1, 17}, false, rng,
                         [&](KelGenericMatrix& A) { return Cholesky_factor(A, n - 1, tol); },
-                        [&](KelGenericMatrix& A, KelMatrix& b) { Cholesky_subst(A, n - 1, b); },
+                        [&](KelGenericMatrix& A, KelMatrix& b) { Cholesky_subst(A, n - 1, b); }, 0,
                         rare);
                 }
     // Band storage narrower than the width used: the accessor's out-of-band addresses.
@@ -217,19 +231,22 @@ TEST_P(FastRoute, CyclicCholeskyMatchesTheGenericRoute)
 {
     std::mt19937_64 rng(kt::seed() + 1);
     SCOPED_TRACE(kt::seed_note());
-    const int cases[][3] = {{12, 2, 2}, {9, 1, 1},  {10, 3, 0}, {0, 2, 5},
-                            {8, 0, 2},  {8, -1, 2}, {6, 9, 3},  {120, 100, 2}};
+    const int cases[][3] = {{12, 2, 2}, {9, 1, 1}, {10, 3, 0},    {0, 2, 5}, {8, 0, 2},
+                            {8, -1, 2}, {6, 9, 3}, {120, 100, 2}, {60, 3, 9}};
     for (const auto& c : cases)
-        for (double tol : {1e-3, 0.0})
-            for (Storage s : {kDense, kDenseUpper, kDenseLower, kBand}) {
+        for (double tol : {1e-3, 0.0, -1.0})
+            for (Storage s : {kDense, kDenseUpper, kDenseLower, kBand, kBordered}) {
                 const int nb = c[0], bw = c[1], m = c[2], n = nb + m;
                 SCOPED_TRACE(testing::Message() << "storage " << s << " nb " << nb << " bw " << bw
                                                 << " m " << m << " tol " << tol);
-                // Band storage holding the whole upper triangle.
+                // Band storage holding the whole upper triangle; bordered storage of this m and
+                // of width bw, or one wider than the routines use.
+                const int stored = s == kBordered ? std::max(bw, 0) + (tol == 0.0) : n - 1;
                 routes_agree(
-                    s, n, n - 1, {1, 3}, false, rng,
+                    s, n, stored, {1, 3}, false, rng,
                     [&](KelGenericMatrix& A) { return cyclic_Cholesky_factor(A, bw, m, tol); },
-                    [&](KelGenericMatrix& A, KelMatrix& b) { cyclic_Cholesky_subst(A, bw, m, b); });
+                    [&](KelGenericMatrix& A, KelMatrix& b) { cyclic_Cholesky_subst(A, bw, m, b); },
+                    m);
             }
 }
 
