@@ -15,6 +15,7 @@
 
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
+#include "checks/checks.h"
 #include "kelmatrix/band.h"
 
 namespace kelmatrix {
@@ -84,6 +85,7 @@ using namespace kelmatrix::internal;
 
 int Cholesky_factor(KelGenericMatrix& A, int bandWidth, double tol)
 {
+    KELMATRIX_CHECK(band_cholesky("Cholesky_factor", A, bandWidth, nullptr));
     const int n = A.GetRowDim();
     const int bw = std::min(resolve_band_width(A, bandWidth), n); // wider changes nothing
     StridedView a;
@@ -115,6 +117,7 @@ int Cholesky_factor(KelGenericMatrix& A, int bandWidth, double tol)
 
 void Cholesky_subst(KelGenericMatrix& A, int bandWidth, KelMatrix& B)
 {
+    KELMATRIX_CHECK(band_cholesky("Cholesky_subst", A, bandWidth, &B));
     const int n = A.GetRowDim(), nrhs = B.GetColDim();
     const int bw = std::min(resolve_band_width(A, bandWidth), n);
     StridedView u, b;

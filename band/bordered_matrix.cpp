@@ -11,6 +11,7 @@
 #include <cstring>
 #include <utility>
 
+#include "checks/checks.h"
 #include "kelmatrix/band.h"
 #include "matrix/storage_access.h"
 
@@ -38,6 +39,7 @@ const char* KelMatrixBordered_message(int status)
 
 double& KelMatrixBordered::operator()(int i, int j)
 {
+    KELMATRIX_CHECK(element("KelMatrixBordered::operator()", *this, i, j));
     if (i > j)
         std::swap(i, j);
     const long long nb = rowDim - borderSize, bw = upperBandWidth, m = borderSize;
@@ -56,6 +58,7 @@ double& KelMatrixBordered::operator()(int i, int j)
 
 double KelMatrixBordered::operator()(int i, int j) const
 {
+    KELMATRIX_CHECK(element("KelMatrixBordered::operator()", *this, i, j));
     if (i > j)
         std::swap(i, j);
     if (j < rowDim - borderSize && j - i > upperBandWidth)

@@ -15,6 +15,7 @@
 
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
+#include "checks/checks.h"
 #include "kelmatrix/band.h"
 
 using namespace kelmatrix::internal;
@@ -55,6 +56,7 @@ void make_corner_block(KelMatrix& S, int m)
 
 int cyclic_Cholesky_factor(KelGenericMatrix& A, int bandWidth, int m, double tol)
 {
+    KELMATRIX_CHECK(cyclic_cholesky("cyclic_Cholesky_factor", A, bandWidth, m, nullptr));
     const int n = A.GetRowDim(), nb = n - m;
     const int bw = bandWidth; // Deliberate: as given, not resolved (see make_band_block)
     BorderedViews a;
@@ -92,6 +94,7 @@ int cyclic_Cholesky_factor(KelGenericMatrix& A, int bandWidth, int m, double tol
 
 void cyclic_Cholesky_subst(KelGenericMatrix& A, int bandWidth, int m, KelMatrix& B)
 {
+    KELMATRIX_CHECK(cyclic_cholesky("cyclic_Cholesky_subst", A, bandWidth, m, &B));
     const int nb = A.GetRowDim() - m;
     const int bw = bandWidth; // as given, exactly as in the factorization
     BorderedViews a;

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "checks/checks.h"
 #include "kelmatrix/band.h"
 #include "matrix/mkl_bindings.h"
 
@@ -41,6 +42,7 @@ void copy_elements(KelMatrix& dst, const KelMatrix& src)
 
 bool SolveBSP_Cyclic(const KelMatrix& A, const KelMatrix& B, int nb, int bandWidth, KelMatrix& X)
 {
+    KELMATRIX_CHECK(cyclic_solve(A, B, nb, bandWidth));
     const char uplo = 'U';
     const int n = A.GetRowDim(), m = n - nb, nrhs = B.GetColDim();
     const int kd = bandWidth / 2; // Deliberate: bandWidth is the total width; 2 and 3 give 1

@@ -23,6 +23,7 @@
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
 #include "band/simd_pair.h"
+#include "checks/checks.h"
 #include "kelmatrix/band.h"
 #include "kelmatrix/dense.h"
 
@@ -66,6 +67,7 @@ void transpose(const double* src, long long lds, double* dst, long long ldd, int
 bool Solve_Kronecker(const KelMatrixBanded& A, const KelMatrixBanded& B, KelMatrix& X,
                      bool copyInputs)
 {
+    KELMATRIX_CHECK(kronecker_solve(A, B, X));
     const int copy = copyInputs ? 1 : 0;
     const int nA = A.GetRowDim(), nB = B.GetRowDim();
     // Deliberate: truncating division, unchecked (nA == 0 is not guarded); columns past the
@@ -220,6 +222,7 @@ void substitute(int w1, int w2, KelGenericMatrix& U1, KelGenericMatrix& U2, KelM
 void kronecker_lower_substitute(int w1, int w2, KelGenericMatrix& U1, KelGenericMatrix& U2,
                                 KelMatrix& X)
 {
+    KELMATRIX_CHECK(kronecker_substitution("kronecker_lower_substitute", false, w1, w2, U1, U2, X));
     const int p = U1.GetRowDim(), q = U2.GetRowDim();
     if (w1 <= 0)
         w1 = p;
@@ -231,6 +234,7 @@ void kronecker_lower_substitute(int w1, int w2, KelGenericMatrix& U1, KelGeneric
 void kronecker_upper_substitute(int w1, int w2, KelGenericMatrix& U1, KelGenericMatrix& U2,
                                 KelMatrix& X)
 {
+    KELMATRIX_CHECK(kronecker_substitution("kronecker_upper_substitute", true, w1, w2, U1, U2, X));
     const int p = U1.GetRowDim();
     if (w1 <= 0)
         w1 = p;

@@ -11,6 +11,7 @@
 // value), a mix of int (info as LAPACK gives it) and bool results, and in-place work in arrays
 // passed const. On failure nothing is written back and X is left as it was.
 
+#include "checks/checks.h"
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"
@@ -30,6 +31,7 @@ long long count(int rows, int cols)
 
 int spdMatrixCholeskyFactorization(KelMatrix& A, int copyInputs)
 {
+    KELMATRIX_CHECK(factorization("spdMatrixCholeskyFactorization", A));
     const char uplo = 'U';
     int n = A.GetColDim(), lda = n, info = 0;
 
@@ -45,6 +47,7 @@ int spdMatrixCholeskyFactorization(KelMatrix& A, int copyInputs)
 
 bool spdBandMatrixCholeskyFactorization(KelMatrixBanded& A, int copyInputs)
 {
+    KELMATRIX_CHECK(band_factorization(A));
     const char uplo = 'U';
     int n = A.GetColDim(), kd = A.GetUpperBandWidth(), ldab = kd + 1, info = 0;
 
@@ -60,6 +63,7 @@ bool spdBandMatrixCholeskyFactorization(KelMatrixBanded& A, int copyInputs)
 
 int spdCholeskySubstitute(KelMatrix& U, KelMatrix& B, KelMatrix& X, int copyInputs)
 {
+    KELMATRIX_CHECK(substitution(U, B, copyInputs));
     const char uplo = 'U';
     // Deliberate: ldb is the factor's order; B's row count is not read.
     int n = U.GetColDim(), nrhs = B.GetColDim(), lda = n, ldb = n, info = 0;
@@ -76,6 +80,7 @@ int spdCholeskySubstitute(KelMatrix& U, KelMatrix& B, KelMatrix& X, int copyInpu
 
 bool spdBandCholeskySubstitute(KelMatrixBanded& U, KelMatrix& B, KelMatrix& X, int copyInputs)
 {
+    KELMATRIX_CHECK(band_substitution(U, B, copyInputs));
     const char uplo = 'U';
     int n = U.GetColDim(), kd = U.GetUpperBandWidth(), nrhs = B.GetColDim();
     int ldab = kd + 1, ldb = n, info = 0; // Deliberate: ldb is the factor's order
@@ -92,6 +97,7 @@ bool spdBandCholeskySubstitute(KelMatrixBanded& U, KelMatrix& B, KelMatrix& X, i
 
 int symmPositiveDefiniteInverse(KelMatrix& A, int copyInputs)
 {
+    KELMATRIX_CHECK(factorization("symmPositiveDefiniteInverse", A));
     const char uplo = 'U';
     int n = A.GetColDim(), lda = n, info = 0;
 
@@ -114,6 +120,7 @@ int symmPositiveDefiniteInverse(KelMatrix& A, int copyInputs)
 int solveUpperTriangularBandSystem(const KelMatrixBanded& U, bool transpose, const KelMatrix& B,
                                    KelMatrix& X, int copyInputs)
 {
+    KELMATRIX_CHECK(triangular_band_solve(U, B, copyInputs));
     const char uplo = 'U', trans = transpose ? 'T' : 'N', diag = 'N';
     // Deliberate: n is U's row count here, where every other function of the family reads cols.
     int n = U.GetRowDim(), kd = U.GetUpperBandWidth(), nrhs = B.GetColDim();

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <vector>
 
+#include "checks/checks.h"
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"
@@ -21,11 +22,13 @@ using kelmatrix::internal::take_solution;
 void kel_dgels(const char* trans, const int& m, const int& n, const int& nrhs, double* a,
                const int& lda, double* b, const int& ldb, double* work, const int& lwork, int& info)
 {
+    KELMATRIX_CHECK(dgels_arguments(trans, m, n, nrhs, a, lda, b, ldb, work, lwork));
     dgels(trans, &m, &n, &nrhs, a, &lda, b, &ldb, work, &lwork, &info, kCharLen);
 }
 
 bool SolveLS(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
 {
+    KELMATRIX_CHECK(least_squares(A, B, X));
     const char trans = 'N';
     // Deliberate: nrhs is X's column count; the caller dimensions X and it is never changed.
     int m = A.GetRowDim(), n = A.GetColDim(), nrhs = X.GetColDim();
@@ -54,6 +57,7 @@ bool SolveLS(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
 bool MinNormLeastSquares(KelMatrix& A, KelMatrix& B, int* jpvt, double rcond, int& rank,
                          KelMatrix& X)
 {
+    KELMATRIX_CHECK(min_norm_least_squares(A, B, jpvt, X));
     int m = A.GetRowDim(), n = A.GetColDim(), nrhs = B.GetColDim();
     int lda = m, ldb = n >= m ? n : m, info = 0;
 

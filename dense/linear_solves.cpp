@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "checks/checks.h"
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"
@@ -20,6 +21,7 @@ using kelmatrix::internal::take_solution;
 
 bool Solve(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
 {
+    KELMATRIX_CHECK(solve(A, B));
     int n = A.GetRowDim(), nrhs = B.GetColDim(), lda = A.GetRowDim(), ldb = B.GetRowDim();
     int info = 0;
 
@@ -37,6 +39,7 @@ bool Solve(const KelMatrix& A, const KelMatrix& B, KelMatrix& X)
 
 bool Solve(const KelMatrixBanded& A, const KelMatrix& B, KelMatrix& X)
 {
+    KELMATRIX_CHECK(solve(A, B));
     int n = A.GetRowDim(), kl = A.GetLowerBandWidth(), ku = A.GetUpperBandWidth();
     int nrhs = B.GetColDim(), ldab = 2 * kl + ku + 1, ldb = B.GetRowDim(), info = 0;
 
@@ -57,6 +60,7 @@ bool Solve(const KelMatrixBanded& A, const KelMatrix& B, KelMatrix& X)
 
 bool SolveSP(const KelMatrix& A, const KelMatrix& B, KelMatrix& X, int copyInputs)
 {
+    KELMATRIX_CHECK(solve_sp(A, B, copyInputs));
     const char uplo = 'U';
     int n = A.GetColDim(), nrhs = B.GetColDim(), lda = n, ldb = B.GetRowDim(), info = 0;
 
@@ -77,6 +81,7 @@ bool SolveSP(const KelMatrix& A, const KelMatrix& B, KelMatrix& X, int copyInput
 
 bool SolveBSP(const KelMatrixBanded& A, const KelMatrix& B, KelMatrix& X, int copyInputs)
 {
+    KELMATRIX_CHECK(solve_bsp(A, B, copyInputs));
     const char uplo = 'U';
     int n = A.GetColDim(), kd = A.GetUpperBandWidth(), nrhs = B.GetColDim();
     int ldab = kd + 1, ldb = B.GetRowDim(), info = 0;

@@ -5,6 +5,7 @@
 // Only beta == 0.0 (exactly; -0.0 too, NaN not) re-dimensions C, since only then is C's old
 // content irrelevant; otherwise C must already have the right shape. k comes from A alone. With
 // beta == 0.0, C may be A or B: the product is computed from the operands as they were.
+#include "checks/checks.h"
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"
@@ -14,6 +15,7 @@ using kelmatrix::internal::RetainedBlock;
 void ProductEx(double alpha, const KelMatrix& A, const KelMatrix& B, bool transA, bool transB,
                double beta, KelMatrix& C)
 {
+    KELMATRIX_CHECK(product("ProductEx", A, B, transA, transB, beta, C));
     const char transa = transA ? 'T' : 'N', transb = transB ? 'T' : 'N';
     const int m = transA ? A.GetColDim() : A.GetRowDim();
     const int n = transB ? B.GetRowDim() : B.GetColDim();
@@ -35,6 +37,7 @@ void ProductEx(double alpha, const KelMatrix& A, const KelMatrix& B, bool transA
 
 void Product(const KelMatrix& A, const KelMatrix& B, bool transA, bool transB, KelMatrix& C)
 {
+    KELMATRIX_CHECK(product("Product", A, B, transA, transB, 0.0, C));
     ProductEx(1.0, A, B, transA, transB, 0.0, C);
 }
 
@@ -42,5 +45,6 @@ void kel_dgemm(const char* transa, const char* transb, const int& m, const int& 
                const double& alpha, const double* a, const int& lda, const double* b,
                const int& ldb, const double& beta, double* c, const int& ldc)
 {
+    KELMATRIX_CHECK(dgemm_arguments(transa, transb, m, n, k, a, lda, b, ldb, c, ldc));
     dgemm(transa, transb, &m, &n, &k, &alpha, a, &lda, b, &ldb, &beta, c, &ldc, kCharLen, kCharLen);
 }

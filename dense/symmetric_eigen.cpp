@@ -9,6 +9,7 @@
 // dimensioned them. Deliberate, and kept: A is passed const yet destroyed on the in-place paths
 // (the allocation-saving route for callers done with A), and the two copy rules differ.
 
+#include "checks/checks.h"
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"
@@ -18,6 +19,7 @@ using kelmatrix::internal::copy_storage_from;
 
 bool EigenValuesS(const KelMatrix& A, double* eigenvalues, KelMatrix* Z, int copyInputs)
 {
+    KELMATRIX_CHECK(eigenvalues(A, eigenvalues, copyInputs));
     const char jobz = Z ? 'V' : 'N', uplo = 'U';
     int n = A.GetColDim(), ldz = n, info = 0;
 
@@ -47,6 +49,7 @@ bool EigenValuesS(const KelMatrix& A, double* eigenvalues, KelMatrix* Z, int cop
 
 int spdmEigenproblem(const KelMatrix& A, KelMatrix& W, KelMatrix& Z, int copyInputs)
 {
+    KELMATRIX_CHECK(eigenproblem(A, W, Z, copyInputs));
     const char jobz = 'V', uplo = 'U';
     int n = A.GetColDim(), lda = n, info = 0;
 

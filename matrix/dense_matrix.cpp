@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "checks/checks.h"
 #include "storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
@@ -45,16 +46,19 @@ KelMatrix::~KelMatrix() = default;
 
 double& KelMatrix::operator()(int i, int j)
 {
+    KELMATRIX_CHECK(element("KelMatrix::operator()", *this, i, j));
     return elements[StorageAccess::mirrored_offset(*this, i, j, rowDim, 0)];
 }
 
 double KelMatrix::operator()(int i, int j) const
 {
+    KELMATRIX_CHECK(element("KelMatrix::operator()", *this, i, j));
     return elements[StorageAccess::mirrored_offset(*this, i, j, rowDim, 0)];
 }
 
 KelMatrix& KelMatrix::operator=(const KelMatrix& src)
 {
+    KELMATRIX_CHECK(assignment(*this, src));
     // Deliberate: no self-assignment guard, as the interface documents.
     StorageAccess::copy_shape_and_flags(*this, src);
     StorageAccess::replace_block(*this, storageSize);
@@ -65,6 +69,7 @@ KelMatrix& KelMatrix::operator=(const KelMatrix& src)
 
 KelMatrix& KelMatrix::operator=(const KelMatrixPacked& src)
 {
+    KELMATRIX_CHECK(from_packed(src));
     const KelGenericMatrix& s = src; // only the base fields and the const accessor are used
     open_conversion(*this, s);
     if (usesLower) {
@@ -81,6 +86,7 @@ KelMatrix& KelMatrix::operator=(const KelMatrixPacked& src)
 
 KelMatrix& KelMatrix::operator=(const KelMatrixBanded& src)
 {
+    KELMATRIX_CHECK(from_band(src));
     const KelGenericMatrix& s = src;
     open_conversion(*this, s);
     const int kl = lowerBandWidth, ku = upperBandWidth;

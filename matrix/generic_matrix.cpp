@@ -14,6 +14,7 @@
 #include <new>
 #include <utility>
 
+#include "checks/checks.h"
 #include "storage_access.h"
 
 namespace {
@@ -27,6 +28,7 @@ int kelmatrix_get_mkl_misalignment()
 
 void kelmatrix_set_mkl_misalignment(int bytes)
 {
+    KELMATRIX_CHECK(misalignment(bytes));
     mklMisalignment = bytes;
 }
 
@@ -117,6 +119,7 @@ KelGenericMatrix& KelGenericMatrix::operator=(const KelGenericMatrix& src)
 
 void KelGenericMatrix::Dimension(int rows, int cols, int kl, int ku)
 {
+    KELMATRIX_CHECK(dimension("KelGenericMatrix::Dimension", rows, cols));
     // 32-bit product, wrapping as the int arithmetic of the interface does.
     storageSize = static_cast<int>(static_cast<unsigned>(rows) * static_cast<unsigned>(cols));
     StorageAccess::replace_block(*this, storageSize); // never reused, even at the same size

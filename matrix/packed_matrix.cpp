@@ -6,6 +6,7 @@
 // triangle: a packed matrix cannot hold the other one, whatever the symmetric flag says.
 #include <utility>
 
+#include "checks/checks.h"
 #include "storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
@@ -32,16 +33,19 @@ KelMatrixPacked::~KelMatrixPacked() = default;
 
 double& KelMatrixPacked::operator()(int i, int j)
 {
+    KELMATRIX_CHECK(packed_element("KelMatrixPacked::operator()", *this, i, j));
     return elements[packed_index(i, j, rowDim, usesLower)];
 }
 
 double KelMatrixPacked::operator()(int i, int j) const
 {
+    KELMATRIX_CHECK(packed_element("KelMatrixPacked::operator()", *this, i, j));
     return elements[packed_index(i, j, rowDim, usesLower)];
 }
 
 void KelMatrixPacked::Dimension(int rows, int cols, int kl, int ku)
 {
+    KELMATRIX_CHECK(packed_dimension(rows, cols));
     storageSize = static_cast<int>(static_cast<long long>(rows) * (rows + 1) / 2);
     StorageAccess::replace_block(*this, storageSize);
     StorageAccess::set_shape(*this, rows, cols, kl, ku); // the base's rules, packed sizing

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "checks/checks.h"
 #include "mkl_bindings.h"
 #include "storage_access.h"
 
@@ -44,6 +45,7 @@ KelSparseVector& KelSparseVector::operator=(const KelSparseVector& src)
 
 void KelSparseVector::setDim(int n)
 {
+    KELMATRIX_CHECK(sparse_dimension(n, dim));
     delete[] indexStorage;
     delete[] dataStorage;
     indexStorage = nullptr;
@@ -56,6 +58,8 @@ void KelSparseVector::setDim(int n)
 
 bool KelSparseVector::setAllElements(unsigned int n, const double* dense)
 {
+    KELMATRIX_CHECK(sparse_array("KelSparseVector::setAllElements", "dense != nullptr", dense,
+                                 n > dim ? 0 : n));
     if (n > dim)
         return false;
     setDim(static_cast<int>(dim));
@@ -82,6 +86,8 @@ bool KelSparseVector::setAllElements(unsigned int n, const double* dense)
 
 bool KelSparseVector::getAllElements(unsigned int n, double* dense) const
 {
+    KELMATRIX_CHECK(sparse_array("KelSparseVector::getAllElements", "dense != nullptr", dense,
+                                 n < dim ? 0 : n));
     if (n < dim)
         return false;
     if (n > 0)
@@ -94,6 +100,7 @@ bool KelSparseVector::getAllElements(unsigned int n, double* dense) const
 
 double KelSparseVector::multiply(const double* dense) const
 {
+    KELMATRIX_CHECK(sparse_array("KelSparseVector::multiply", "dense != nullptr", dense, weight_));
     const int nz = static_cast<int>(weight_);
     return ddoti(&nz, data, index, dense);
 }

@@ -62,7 +62,7 @@ fuzz() {
     local seconds="${KELMATRIX_FUZZ_SECONDS:-60}" h
     cmake --preset fuzz >/dev/null
     cmake --build --preset fuzz -j "$jobs"
-    local harnesses=(containers sparse_vector band_cholesky cyclic kronecker csr_check)
+    local harnesses=(containers sparse_vector band_cholesky cyclic kronecker csr_check checked)
     for h in "${harnesses[@]}"; do
         mkdir -p "build/fuzz/corpus/$h" "build/fuzz/artifacts"
     done

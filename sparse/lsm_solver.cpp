@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "checks/checks.h"
 #include "kelmatrix/sparse.h"
 #include "matrix/mkl_bindings.h"
 #include "sparse/pardiso_controls.h"
@@ -87,6 +88,7 @@ LSMsolver& LSMsolver::operator=(const LSMsolver& src)
 bool LSMsolver::init(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps,
                      LSMsolver_mattype mtype)
 {
+    KELMATRIX_CHECK(solver_init(n, nrhs));
     if (holds_factorization(state)) // a held factorization must be cleared first
         return false;
     const int threads = init_thread_count();
@@ -110,6 +112,7 @@ bool LSMsolver::init(int n, int* ia, int* ja, double* a, int nrhs, int maxRefine
 
 bool LSMsolver::factor()
 {
+    KELMATRIX_CHECK(solver_matrix("LSMsolver::factor", may_factor(state), n, ia, ja, a, mtype));
     const auto engine = [this](int phase, int count, double* b, double* x) {
         return call_pardiso(phase, count, b, x);
     };
@@ -118,6 +121,7 @@ bool LSMsolver::factor()
 
 bool LSMsolver::refactor()
 {
+    KELMATRIX_CHECK(solver_matrix("LSMsolver::refactor", may_refactor(state), n, ia, ja, a, mtype));
     const auto engine = [this](int phase, int count, double* b, double* x) {
         return call_pardiso(phase, count, b, x);
     };
@@ -148,6 +152,7 @@ LSMsolver_diagnostics LSMsolver::diagnostics() const
 
 bool LSMsolver::solve(KelMatrix& B, KelMatrix& X)
 {
+    KELMATRIX_CHECK(solver_solve(may_solve(state), n, B, X));
     if (!may_solve(state))
         return false;
     // Deliberate: X must already have B's shape; it is never re-dimensioned.
@@ -159,6 +164,7 @@ bool LSMsolver::solve(KelMatrix& B, KelMatrix& X)
 
 bool LSMsolver::solve(int count, double* b, double* x)
 {
+    KELMATRIX_CHECK(solver_solve(may_solve(state), n, count, b, x));
     const auto engine = [this](int phase, int count, double* b, double* x) {
         return call_pardiso(phase, count, b, x);
     };
