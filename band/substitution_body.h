@@ -60,9 +60,11 @@ template <bool Forward> struct Pass {
 // One right-hand side. The first term of each unknown is the unknown just stored, taken from a
 // register instead of memory: no store lies between, so it is the value a load would return.
 template <bool Forward>
-KEL_ISA_TARGET void walk_column(const StridedView& u, const StridedView& diag, int n, int bw,
-                                const StridedView& b, int off, int c)
+KEL_ISA_TARGET void walk_column(const StridedView& u_view, const StridedView& diag_view, int n,
+                                int bw, const StridedView& b_view, int off, int c)
 {
+    // Local copies: the stores into b cannot change them, so their fields stay in registers.
+    const StridedView u = u_view, diag = diag_view, b = b_view;
     using P = Pass<Forward>;
     double last = 0.0;
     for (int i = P::first(n); P::in(i, n); i = P::next(i)) {
@@ -96,9 +98,10 @@ template <class Vec, int L> KEL_ISA_TARGET inline Vec gather(const StridedView& 
 // doubles the solved rows are kept row-major, slot i mod rows, so every term is one vector load
 // per L columns; without one (ring == nullptr) they are read back from b.
 template <bool Forward, int W>
-KEL_ISA_TARGET void walk_block(const StridedView& u, const StridedView& diag, int n, int bw,
-                               const StridedView& b, int off, int c0, double* ring)
+KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& diag_view, int n,
+                               int bw, const StridedView& b_view, int off, int c0, double* ring)
 {
+    const StridedView u = u_view, diag = diag_view, b = b_view; // as in walk_column
     using P = Pass<Forward>;
     constexpr int L = W < KEL_ISA_WIDTH ? W : KEL_ISA_WIDTH, V = W / L;
     typedef typename Lanes<L>::type Vec;
