@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -42,12 +41,6 @@ namespace {
 
 const int kThreads = 8;
 const int kRounds = 3;
-
-bool same_bits(const std::vector<double>& a, const std::vector<double>& b)
-{
-    return a.size() == b.size() &&
-           (a.empty() || std::memcmp(a.data(), b.data(), sizeof(double) * a.size()) == 0);
-}
 
 /// Runs body(t) on kThreads threads released together.
 template <class Body> void on_threads(Body body)
@@ -88,7 +81,7 @@ TEST(Concurrency, EveryFamilyFromEightThreadsGivesTheSerialBits)
         });
         for (int t = 0; t < kThreads; ++t)
             for (int f = 0; f < families; ++f)
-                EXPECT_TRUE(same_bits(got[t][f], want[t][f]))
+                EXPECT_TRUE(kt::same_bits(got[t][f], want[t][f]))
                     << kt::family_name(f) << ", thread " << t << ", round " << round;
     }
     EXPECT_EQ(LSMsolver::mNumThreadsDefault, decided); // the solvers only read it

@@ -5,6 +5,7 @@
 // triangle, judged by the upper rows it must become.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <map>
@@ -43,6 +44,8 @@ Rows valid()
 TEST(CsrCheck, EachRuleIsReportedWithItsRowAndPosition)
 {
     const double inf = std::numeric_limits<double>::infinity();
+    const Rows no_diagonal{3, {1, 3, 4, 5}, {1, 2, 3, 3}, {4, 1, 2, 6}}; // (1,1) left out
+    const Rows empty_last{3, {1, 3, 5, 5}, {1, 2, 2, 3}, {4, 1, 5, 2}};  // row 2 has no entry
     struct Case {
         const char* what;
         LSMsolver_mattype mtype;
@@ -66,24 +69,8 @@ TEST(CsrCheck, EachRuleIsReportedWithItsRowAndPosition)
         {"repeated column", kSpd, LSM_CSR_DUPLICATE_COLUMN, 1, 2, 'j', 1, 1},
         {"descending columns", kUns, LSM_CSR_COLUMNS_NOT_ASCENDING, 1, 2, 'j', 0, 3},
         {"lower entry", kInd, LSM_CSR_BELOW_DIAGONAL, 2, 3, 'j', 2, 1},
-        {"missing diagonal",
-         kInd,
-         LSM_CSR_MISSING_DIAGONAL,
-         2,
-         3,
-         0,
-         0,
-         0,
-         {3, {1, 3, 4, 5}, {1, 2, 3, 3}, {4, 1, 2, 6}}},
-        {"empty last row",
-         kSpd,
-         LSM_CSR_MISSING_DIAGONAL,
-         3,
-         5,
-         0,
-         0,
-         0,
-         {3, {1, 3, 5, 5}, {1, 2, 2, 3}, {4, 1, 5, 2}}},
+        {"missing diagonal", kInd, LSM_CSR_MISSING_DIAGONAL, 2, 3, 0, 0, 0, no_diagonal},
+        {"empty last row", kSpd, LSM_CSR_MISSING_DIAGONAL, 3, 5, 0, 0, 0, empty_last},
         {"zero SPD diagonal", kSpd, LSM_CSR_NONPOSITIVE_DIAGONAL, 2, 3, 'a', 2, 0.0},
         {"NaN", kUns, LSM_CSR_NOT_FINITE, 2, 4, 'a', 3, std::nan("")},
         {"infinite diagonal", kSpd, LSM_CSR_NOT_FINITE, 3, 5, 'a', 4, -inf},
@@ -187,24 +174,20 @@ TEST(CsrPrepare, ZeroBasedLowerTriangleOfACollectionMatrixBuildsItsUpperRows)
     const std::string path = std::string(KELMATRIX_TEST_MATRICES) + "/bcsstk13.mtx";
     kt::Coordinate coo;
     ASSERT_TRUE(kt::read_matrix_market(path, coo)) << path;
-    std::vector<int> ia(static_cast<std::size_t>(coo.n) + 1, 0), ja, fill;
-    std::vector<double> a;
-    for (const kt::Triplet& t : coo.entries) // the file's lower triangle, 0-based, unsorted
-        ++ia[static_cast<std::size_t>(t.row) + 1];
-    for (int i = 0; i < coo.n; ++i)
-        ia[i + 1] += ia[i];
-    fill.assign(ia.begin(), ia.end() - 1);
-    ja.resize(coo.entries.size());
-    a.resize(coo.entries.size());
-    for (auto t = coo.entries.rbegin(); t != coo.entries.rend(); ++t) {
-        ja[fill[t->row]] = t->col;
-        a[fill[t->row]++] = t->value;
+    kt::Csr lower = kt::full_csr(coo); // the file's lower triangle; 0-based, columns descending
+    for (int& p : lower.ia)
+        --p;
+    for (int& j : lower.ja)
+        --j;
+    for (int i = 0; i < coo.n; ++i) {
+        std::reverse(lower.ja.begin() + lower.ia[i], lower.ja.begin() + lower.ia[i + 1]);
+        std::reverse(lower.a.begin() + lower.ia[i], lower.a.begin() + lower.ia[i + 1]);
     }
     LSMsolver_csr A;
-    ASSERT_EQ(
-        LSMsolver_prepare_csr(coo.n, ia.data(), ja.data(), a.data(), 0, LSM_STORED_LOWER, kSpd, A)
-            .code,
-        LSM_CSR_OK);
+    ASSERT_EQ(LSMsolver_prepare_csr(coo.n, lower.ia.data(), lower.ja.data(), lower.a.data(), 0,
+                                    LSM_STORED_LOWER, kSpd, A)
+                  .code,
+              LSM_CSR_OK);
     const kt::Csr reference = kt::upper_csr(coo);
     EXPECT_TRUE(A.ia == reference.ia && A.ja == reference.ja && A.a == reference.a);
 }

@@ -60,6 +60,33 @@ TEST(Products, TransposesAndTheBetaRule)
     EXPECT_EQ(c[1], 20 + 2 * (4 + 0 * 10));
 }
 
+// C passed as one of its operands, re-dimensioned (m, n, k all different) or not (square, where
+// "into B" squares A into itself): the operands are read before C's block is released or written.
+TEST(Products, IntoOneOfTheOperands)
+{
+    std::mt19937_64 rng(kt::seed() + 1);
+    SCOPED_TRACE(kt::seed_note());
+    for (const int m : {7, 6})
+        for (int t = 0; t < 8; ++t) {
+            const bool ta = t & 1, tb = t & 2, into_b = t & 4, self = m == 6 && into_b;
+            const int n = m == 7 ? 9 : m, k = m == 7 ? 5 : m;
+            SCOPED_TRACE(kt::describe("m", m, "transA", ta, "transB", tb, "into B", into_b));
+            const kt::Dense a = kt::random_dense(rng, ta ? k : m, ta ? m : k);
+            const kt::Dense b = self ? a : kt::random_dense(rng, tb ? n : k, tb ? k : n);
+            kt::KelOf A(a), B(b);
+            KelMatrix& C = into_b && !self ? static_cast<KelMatrix&>(B) : A;
+            kt::Dense want = kt::multiply(a, b, ta, tb);
+            if (m == 7) {
+                ProductEx(-1.5, A, B, ta, tb, 0.0, C);
+                for (double& x : want.v)
+                    x *= -1.5;
+            } else {
+                Product(A, self ? A : B, ta, tb, C);
+            }
+            expect_product(C, want, k);
+        }
+}
+
 // kel_dgels passes its arguments through: the least-squares solution overwrites B's first n rows.
 TEST(LeastSquares, RawDgelsPassesItsArgumentsThrough)
 {

@@ -11,7 +11,6 @@
 // they should when the variable is set back to FALSE.
 #include <dlfcn.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,8 +27,6 @@
 #include <gtest/gtest.h>
 
 #include "kelmatrix/matrix.h"
-
-extern char** environ;
 
 namespace {
 
@@ -138,127 +135,85 @@ TEST(LoadEnvironment, TheTableHoldsTrueInStorageOfItsOwn)
 
 constexpr const char* kRole = "KELMATRIX_LOAD_ENVIRONMENT_CHILD";
 
-const char* role()
-{
-    const char* r = std::getenv(kRole);
-    return r ? r : "";
-}
-
-// The environment block the kernel handed this process at launch.
+// The environment block the kernel handed this process at launch: its name=value strings.
 std::vector<std::string> launch_block()
 {
     std::ifstream in("/proc/self/environ", std::ios::binary);
-    const std::string block{std::istreambuf_iterator<char>(in), {}};
     std::vector<std::string> entries;
-    for (std::size_t at = 0; at < block.size();) {
-        const std::size_t end = block.find('\0', at);
-        entries.push_back(block.substr(at, end - at));
-        at = end == std::string::npos ? block.size() : end + 1;
-    }
+    for (std::string entry; std::getline(in, entry, '\0');)
+        entries.push_back(entry);
     return entries;
 }
 
-void launched_with_false_reads_true()
+// A child's whole run (main never starts): 0 if what its role checks holds, 77 if it cannot run.
+// "library": launched with FALSE, getenv reads TRUE. "runtimes" and "control" load LLVM's OpenMP
+// runtime and a copy of its file (a second instance: same code, another inode) and start one after
+// the other; the second start finds the first registered and aborts with "OMP: Error #15" unless
+// KMP_DUPLICATE_LIB_OK is true, which "control" sets back to FALSE first.
+int child(const std::string& role)
 {
-    const std::vector<std::string> block = launch_block();
-    EXPECT_EQ(std::count(block.begin(), block.end(), "KMP_DUPLICATE_LIB_OK=FALSE"), 1);
-    EXPECT_EQ(std::count(block.begin(), block.end(), "KMP_DUPLICATE_LIB_OK=TRUE"), 0);
-    ASSERT_NE(std::getenv("KMP_DUPLICATE_LIB_OK"), nullptr);
-    EXPECT_STREQ(std::getenv("KMP_DUPLICATE_LIB_OK"), "TRUE");
-}
-
-// Loads LLVM's OpenMP runtime and a copy of its file (a second instance: same code, another
-// inode) and starts one after the other. The second start finds the first registered and
-// aborts with "OMP: Error #15" unless KMP_DUPLICATE_LIB_OK is true.
-void two_openmp_runtimes_start()
-{
+    if (role == "library") {
+        const std::vector<std::string> block = launch_block();
+        const auto count = [&](const char* entry) {
+            return int(std::count(block.begin(), block.end(), entry));
+        };
+        const char* value = std::getenv("KMP_DUPLICATE_LIB_OK");
+        const int launched_false = count("KMP_DUPLICATE_LIB_OK=FALSE");
+        const int launched_true = count("KMP_DUPLICATE_LIB_OK=TRUE");
+        std::printf("launch block: %d FALSE, %d TRUE; getenv: %s\n", launched_false, launched_true,
+                    value ? value : "(unset)");
+        return launched_false == 1 && launched_true == 0 && value && !std::strcmp(value, "TRUE")
+                   ? 0
+                   : 1;
+    }
+    using MaxThreads = int (*)();
     void* first = dlopen("libomp.so.5", RTLD_NOW | RTLD_LOCAL);
     if (!first)
-        GTEST_SKIP() << "no LLVM OpenMP runtime: " << dlerror();
-    using MaxThreads = int (*)();
+        return std::printf("no LLVM OpenMP runtime: %s\n", dlerror()), 77;
     const auto start_first = reinterpret_cast<MaxThreads>(dlsym(first, "omp_get_max_threads"));
-    ASSERT_NE(start_first, nullptr);
     const std::filesystem::path copy =
         std::filesystem::temp_directory_path() / ("kelmatrix_omp_" + std::to_string(getpid()));
     std::filesystem::copy_file(object_of(reinterpret_cast<const void*>(start_first)), copy);
     void* second = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
     std::filesystem::remove(copy);
-    ASSERT_NE(second, nullptr) << dlerror();
-    const auto start_second = reinterpret_cast<MaxThreads>(dlsym(second, "omp_get_max_threads"));
-    ASSERT_NE(start_second, start_first);
-
-    if (std::strcmp(role(), "control") == 0)
+    const auto start_second =
+        second ? reinterpret_cast<MaxThreads>(dlsym(second, "omp_get_max_threads")) : nullptr;
+    if (!start_second || start_second == start_first)
+        return std::printf("no second runtime instance\n"), 1;
+    if (role == "control")
         setenv("KMP_DUPLICATE_LIB_OK", "FALSE", 1); // as if the library had not set it
-    EXPECT_GE(start_first(), 1);
-    EXPECT_GE(start_second(), 1);
+    return start_first() >= 1 && start_second() >= 1 ? 0 : 1;
 }
 
-class ChildTest : public testing::Test {
-public:
-    explicit ChildTest(void (*body)()) : body_(body) {}
-    void TestBody() override { body_(); }
-
-private:
-    void (*body_)();
-};
-
-// The child cases exist only in the child processes, so a plain run never lists them.
-template <void (*Body)()> void register_child_test(const char* name)
-{
-    testing::RegisterTest("LoadEnvironmentChild", name, nullptr, nullptr, __FILE__, __LINE__,
-                          []() -> testing::Test* { return new ChildTest(Body); });
-}
-
-const bool g_child_tests_registered =
-    *role() && (register_child_test<launched_with_false_reads_true>("LaunchedWithFalseReadsTrue"),
-                register_child_test<two_openmp_runtimes_start>("TwoOpenMpRuntimesStart"), true);
+const bool g_is_child = [] {
+    if (const char* role = std::getenv(kRole))
+        std::exit(child(role));
+    return false;
+}();
 
 struct ChildResult {
-    int status = 0;
+    int status = -1;
     std::string output; // stdout and stderr together
 };
 
-// Runs this test executable again with the given filter, the role set and
-// KMP_DUPLICATE_LIB_OK=FALSE in place of whatever this process has.
-ChildResult run_child(const char* child_role, const char* filter)
+// Runs this executable again as the given child, with KMP_DUPLICATE_LIB_OK=FALSE in place of
+// whatever this process has. The shell prints its pid first, then becomes the child.
+ChildResult run_child(const std::string& role)
 {
     const std::string self = std::filesystem::read_symlink("/proc/self/exe");
-    std::vector<std::string> env{std::string(kRole) + "=" + child_role,
-                                 "KMP_DUPLICATE_LIB_OK=FALSE"};
-    for (char** e = environ; *e; ++e)
-        if (std::strncmp(*e, "KMP_DUPLICATE_LIB_OK=", 21) != 0 &&
-            std::strncmp(*e, kRole, std::strlen(kRole)) != 0)
-            env.emplace_back(*e);
-    const std::string filter_arg = std::string("--gtest_filter=") + filter;
-    std::vector<char*> argv{const_cast<char*>(self.c_str()), const_cast<char*>(filter_arg.c_str()),
-                            nullptr};
-    std::vector<char*> envp;
-    for (std::string& s : env)
-        envp.push_back(s.data());
-    envp.push_back(nullptr);
-
+    const std::string command = "echo $$; exec env KMP_DUPLICATE_LIB_OK=FALSE " +
+                                std::string(kRole) + "=" + role + " '" + self + "' 2>&1";
     ChildResult result;
-    int out[2];
-    if (pipe(out) != 0)
+    FILE* out = popen(command.c_str(), "r");
+    if (!out)
         return result;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-    posix_spawn_file_actions_addclose(&actions, out[0]);
-    pid_t pid = -1;
-    const int spawned =
-        posix_spawn(&pid, self.c_str(), &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    close(out[1]);
     char buf[4096];
-    for (ssize_t got; spawned == 0 && (got = read(out[0], buf, sizeof buf)) > 0;)
-        result.output.append(buf, static_cast<std::size_t>(got));
-    close(out[0]);
-    if (spawned != 0 || waitpid(pid, &result.status, 0) != pid)
-        result.status = -1;
+    for (std::size_t got; (got = std::fread(buf, 1, sizeof buf, out)) > 0;)
+        result.output.append(buf, got);
+    result.status = pclose(out);
     // An OpenMP runtime that aborts leaves its registration in /dev/shm; the child's pid names it.
-    const std::string registration = "__KMP_REGISTERED_LIB_" + std::to_string(pid) + "_";
+    const std::string registration =
+        "__KMP_REGISTERED_LIB_" + result.output.substr(0, result.output.find('\n')) + "_";
     std::error_code ignored;
     for (const auto& f : std::filesystem::directory_iterator("/dev/shm", ignored))
         if (f.path().filename().string().rfind(registration, 0) == 0)
@@ -268,16 +223,15 @@ ChildResult run_child(const char* child_role, const char* filter)
 
 TEST(LoadEnvironment, ChildProcesses)
 {
-    if (g_child_tests_registered)
-        GTEST_SKIP() << "already a child";
-    const ChildResult child = run_child("library", "LoadEnvironmentChild.*");
-    ASSERT_TRUE(WIFEXITED(child.status) && WEXITSTATUS(child.status) == 0) << child.output;
-    ASSERT_NE(child.output.find("[  PASSED  ] 2 tests"), std::string::npos) << child.output;
-    if (child.output.find("[  SKIPPED ]") != std::string::npos)
-        GTEST_SKIP() << "the OpenMP runtime part could not run:\n" << child.output;
+    const ChildResult library = run_child("library");
+    EXPECT_TRUE(WIFEXITED(library.status) && WEXITSTATUS(library.status) == 0) << library.output;
+    const ChildResult runtimes = run_child("runtimes");
+    if (WIFEXITED(runtimes.status) && WEXITSTATUS(runtimes.status) == 77)
+        GTEST_SKIP() << "the OpenMP runtime part could not run:\n" << runtimes.output;
+    EXPECT_TRUE(WIFEXITED(runtimes.status) && WEXITSTATUS(runtimes.status) == 0) << runtimes.output;
 
     // The same starts with the variable set back to FALSE: the runtime really reads it.
-    const ChildResult control = run_child("control", "LoadEnvironmentChild.TwoOpenMpRuntimesStart");
+    const ChildResult control = run_child("control");
     EXPECT_TRUE(WIFSIGNALED(control.status) && WTERMSIG(control.status) == SIGABRT)
         << control.output;
     EXPECT_NE(control.output.find("OMP: Error #15"), std::string::npos) << control.output;

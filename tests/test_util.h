@@ -102,15 +102,20 @@ inline double norm1(const Dense& a)
     return best;
 }
 
-/// LAPACK's acceptance ratio ||B - A X||_1 / (||A||_1 ||X||_1 n eps); ~1 for a backward-stable
-/// solve.
-inline double residual_ratio(const Dense& a, const Dense& x, const Dense& b)
+/// LAPACK's acceptance ratio ||B - A X||_1 / (||A||_1 ||X||_1 max(m, n) eps); ~1 for a
+/// backward-stable solve. Given x0 with B = A X0, ||X||_1 becomes max(||X||_1, ||X0||_1): a
+/// rank-revealing least-squares solver drops singular values at rounding level, which leaves a
+/// residual of about eps ||A|| ||X0||, and the minimum-norm X (X0's projection on A's row space)
+/// can be far shorter than X0, so dividing by ||X|| alone would overstate the residual.
+inline double residual_ratio(const Dense& a, const Dense& x, const Dense& b,
+                             const Dense* x0 = nullptr)
 {
     Dense r = multiply(a, x);
     for (std::size_t k = 0; k < r.v.size(); ++k)
         r.v[k] = b.v[k] - r.v[k];
     const double eps = std::numeric_limits<double>::epsilon();
-    const double denom = norm1(a) * norm1(x) * std::max(a.rows, a.cols) * eps;
+    const double xn = x0 ? std::max(norm1(x), norm1(*x0)) : norm1(x);
+    const double denom = norm1(a) * xn * std::max(a.rows, a.cols) * eps;
     return denom > 0.0 ? norm1(r) / denom : norm1(r);
 }
 
@@ -189,10 +194,14 @@ struct KelOf : KelMatrix {
 };
 
 /// Bit-for-bit equality (NaN payloads and signed zeros included).
+inline bool same_bits(const std::vector<double>& a, const std::vector<double>& b)
+{
+    return a.size() == b.size() &&
+           (a.empty() || std::memcmp(a.data(), b.data(), sizeof(double) * a.size()) == 0);
+}
 inline bool same_bits(const Dense& a, const Dense& b)
 {
-    return a.rows == b.rows && a.cols == b.cols &&
-           (a.v.empty() || std::memcmp(a.v.data(), b.v.data(), sizeof(double) * a.v.size()) == 0);
+    return a.rows == b.rows && a.cols == b.cols && same_bits(a.v, b.v);
 }
 
 /// A user-derived storage type: elements in a std::map keyed by (i, j), shape set through the
@@ -263,12 +272,13 @@ inline Dense minus(Dense a, const Dense& b)
     return a;
 }
 
-/// Columns first .. first + count - 1 of a.
-inline Dense column_block(const Dense& a, int first, int count)
+/// The leading rows x cols block of a.
+inline Dense leading(const Dense& a, int rows, int cols)
 {
-    Dense r(a.rows, count);
-    std::copy(a.v.begin() + std::size_t(first) * a.rows,
-              a.v.begin() + std::size_t(first + count) * a.rows, r.v.begin());
+    Dense r(rows, cols);
+    for (int j = 0; j < cols; ++j)
+        std::copy_n(a.v.begin() + std::size_t(j) * a.rows, rows,
+                    r.v.begin() + std::size_t(j) * rows);
     return r;
 }
 
@@ -304,18 +314,6 @@ inline Dense orthonormal(std::mt19937_64& rng, int rows, int cols)
                 q(i, j) /= std::sqrt(norm);
         }
     return q;
-}
-
-/// ||B - A X||_1 / (||A||_1 max(||X||_1, ||X0||_1) max(m, n) eps) for a consistent system
-/// B = A X0. A rank-revealing least-squares solver drops singular values at rounding level, which
-/// leaves a residual of about eps ||A|| ||X0||; the minimum-norm X, X0's projection on A's row
-/// space, can be far shorter than X0, so dividing by ||X|| alone overstates the residual.
-inline double consistent_ratio(const Dense& a, const Dense& x, const Dense& b, const Dense& x0)
-{
-    const double eps = std::numeric_limits<double>::epsilon();
-    const double denom = norm1(a) * std::max(norm1(x), norm1(x0)) * std::max(a.rows, a.cols) * eps;
-    const double r = norm1(minus(b, multiply(a, x)));
-    return denom > 0.0 ? r / denom : r;
 }
 
 /// ||A^T (B - A X)||_1 / (||A||_1 (||A||_1 ||X||_1 + ||B||_1) max(m, n) eps): the least-squares
