@@ -18,6 +18,9 @@ namespace internal {
 
 /// Cholesky_factor on the upper band of width bw >= 1 of the order-n view a; returns the count.
 int factor_kernel(const StridedView& a, int n, int bw, double tol);
+/// Cholesky_factor of the whole upper triangle of the order-n view a (every k from 0), tiled
+/// (tiled_factor_body.h), on the instruction set kernel_isa() names; returns the count.
+int tiled_factor_kernel(const StridedView& a, int n, double tol);
 
 /// U^T y = b (forward) or U x = y (backward) with the order-n factor u of width bw >= 1, in
 /// place in rows off .. off + n - 1 of columns c_begin .. c_end - 1 of b.

@@ -12,6 +12,16 @@
 #include "band/direct_kernels.h"
 #include "band/simd_pair.h"
 
+// The partial sums of a row are written one by one and read back on the next row's critical
+// path; GCC's straight-line vectorizer would read pairs of them with one wide load, which the
+// processor cannot forward from two narrow stores (a stall of about a dozen cycles per row: the
+// width-4 rows were slower than the width-8 ones). The vector code below is written by hand.
+#if defined(__GNUC__) && !defined(__clang__)
+#    define KEL_SCALAR_SUMS __attribute__((optimize("no-tree-vectorize")))
+#else
+#    define KEL_SCALAR_SUMS
+#endif
+
 namespace kelmatrix {
 namespace internal {
 namespace {
@@ -29,8 +39,8 @@ static_assert((kFlagMask & (kFlagMask + 1)) == 0, "the flag ring's size is a pow
 // sums in registers while the rows k pass in ascending order (e descending); row k reaches
 // t <= min(w - e, jl), so the first rows of a block may cover only part of it.
 template <int W, bool Full>
-void factor_row(const StridedView& a, int i, int w_runtime, int jl_runtime, double pivot,
-                const double* window, double* ri, double* ri2)
+KEL_SCALAR_SUMS void factor_row(const StridedView& a, int i, int w_runtime, int jl_runtime,
+                                double pivot, const double* window, double* ri, double* ri2)
 {
     constexpr int kBlock = 8;
     const int w = W > 0 ? W : w_runtime, R = w + 1, jl = Full ? w : jl_runtime;
@@ -50,7 +60,7 @@ void factor_row(const StridedView& a, int i, int w_runtime, int jl_runtime, doub
                     acc[q] -= rk[e + t0 + q] * f;
             }
         }
-        if (tb == kBlock) {
+        if (tb == kBlock && e >= 1) { // rows reaching the whole block: pairs pay
             // Built from the scalars (not reloaded as pairs: a wide load of narrow stores
             // would stall on the row-to-row critical path).
             Pair s0 = {acc[0], acc[1]}, s1 = {acc[2], acc[3]}, s2 = {acc[4], acc[5]},
@@ -75,15 +85,16 @@ void factor_row(const StridedView& a, int i, int w_runtime, int jl_runtime, doub
             }
             continue;
         }
+        const int tq = std::min(tb, kBlock); // (e == 0 here when tb == kBlock)
         for (; e >= 1; --e) {
             const double* rk = window - e * R;
             if (rk[0] > 0.0) {
                 const double f = rk[e];
-                for (int q = 0; q < tb; ++q)
+                for (int q = 0; q < tq; ++q)
                     acc[q] -= rk[e + t0 + q] * f;
             }
         }
-        for (int q = 0; q < tb; ++q) { // one at a time: acc holds scalars (no wide reload)
+        for (int q = 0; q < tq; ++q) { // one at a time: acc holds scalars (no wide reload)
             const double u = acc[q] / pivot;
             ri[t0 + q] = ri2[t0 + q] = u;
             a(i, i + t0 + q) = u;
@@ -252,6 +263,8 @@ int factor_kernel(const StridedView& a, int n, int bw, double tol)
     }
     if (std::min(bw, n - 1) <= kRingWidth)
         return factor_ring<0>(a, n, bw, tol);
+    if (bw >= n - 1) // every k from 0: the tiled kernel
+        return tiled_factor_kernel(a, n, tol);
     return factor_columns(a, n, bw, tol);
 }
 

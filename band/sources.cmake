@@ -7,5 +7,11 @@ set(KELMATRIX_BAND_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/cyclic_solve.cpp
   ${CMAKE_CURRENT_LIST_DIR}/direct_route.cpp
   ${CMAKE_CURRENT_LIST_DIR}/factor_kernels.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/kernel_isa.cpp
   ${CMAKE_CURRENT_LIST_DIR}/kronecker.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/substitution_kernels.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/substitution_kernels.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/substitution_kernels_avx2.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/substitution_kernels_avx512.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/tiled_factor.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/tiled_factor_avx2.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/tiled_factor_avx512.cpp)

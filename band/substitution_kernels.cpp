@@ -1,173 +1,50 @@
-// KELMATRIX band substitution kernels (internal)
-// The forward and backward passes on strided views, bit for bit as the generic loops.
-//
-// One right-hand side runs the generic loop with U's diagonal read once per row and the
-// unknown just solved kept in a register. Several right-hand sides are walked together in
-// blocks of 16, 8, 4 or 2: the solved rows of the last bw + 1 unknowns are kept row-major in a
-// ring on the stack, so every term is one vector operation across the columns, while each
-// column still takes its terms in its own fixed order. A far-strided diagonal (dense storage:
-// one page per element) is first copied into a row on the stack when it fits.
-#include <algorithm>
-#include <type_traits>
+// KELMATRIX band substitution kernels: the SSE2 copy and the choice among the copies.
+#include "band/kernel_isa.h"
 
-#include "band/direct_kernels.h"
-#include "band/simd_pair.h"
+#define KEL_ISA_NS sse2
+#define KEL_ISA_TARGET
+#define KEL_ISA_WIDTH 2
+#include "band/substitution_body.h"
 
 namespace kelmatrix {
 namespace internal {
-namespace {
-
-// Right-hand sides walked together, at most.
-constexpr int kColumnBlock = 16;
-// The ring of solved rows: at most this many doubles (64 KiB), (min(bw, n - 1) + 1) W of them
-// for a block of W columns; wider bands read the solved rows from the right-hand sides.
-constexpr int kRingDoubles = 8192;
-// Distance in doubles between diagonal elements beyond which the diagonal is copied first, and
-// the longest diagonal copied (32 KiB).
-constexpr long long kFarDiagonal = 64;
-constexpr int kDiagonalCopy = 4096;
-
-// What distinguishes the two passes: the forward pass runs i up and each sum's k down from
-// i - 1, reading U(k, i), and solves unless U(i, i) < 0; the backward pass runs i down and k up
-// from i + 1, reading U(i, k), and solves unless U(i, i) <= 0. NaN solves in both.
-template <bool Forward> struct Pass {
-    static int first(int n) { return Forward ? 0 : n - 1; }
-    static bool in(int i, int n) { return Forward ? i < n : i >= 0; }
-    static int next(int i) { return Forward ? i + 1 : i - 1; }
-    static int prev(int k) { return Forward ? k - 1 : k + 1; } // the next term of a sum
-    static int last_term(int i, int n, int bw)
-    {
-        return Forward ? std::max(0, i - bw) : std::min(n - 1, i + bw);
-    }
-    static bool reaches(int k, int last) { return Forward ? k >= last : k <= last; }
-    static double coefficient(const StridedView& u, int i, int k)
-    {
-        return Forward ? u(k, i) : u(i, k);
-    }
-    static bool solves(double d) { return Forward ? !(d < 0.0) : !(d <= 0.0); }
-};
-
-// One right-hand side. The first term of each unknown is the unknown just stored, taken from a
-// register instead of memory: no store lies between, so it is the value a load would return.
-template <bool Forward>
-void walk_column(const StridedView& u, const StridedView& diag, int n, int bw, const StridedView& b,
-                 int off, int c)
-{
-    using P = Pass<Forward>;
-    double last = 0.0;
-    for (int i = P::first(n); P::in(i, n); i = P::next(i)) {
-        const double d = diag(i, i);
-        double x = 0.0;
-        if (P::solves(d)) {
-            double s = b(i + off, c);
-            const int k_last = P::last_term(i, n, bw), k = P::prev(i);
-            if (P::reaches(k, k_last) && diag(k, k) >= 0.0) // zero included, NaN excluded
-                s -= P::coefficient(u, i, k) * last;
-            for (int kk = P::prev(k); P::reaches(kk, k_last); kk = P::prev(kk))
-                if (diag(kk, kk) >= 0.0)
-                    s -= P::coefficient(u, i, kk) * b(kk + off, c);
-            x = s / d;
-        }
-        b(i + off, c) = x;
-        last = x;
-    }
-}
-
-// W right-hand sides together. With a ring of (min(bw, n - 1) + 1) W doubles the solved rows
-// are kept row-major, slot i mod rows, so every term is one vector load; without one
-// (ring == nullptr) they are read back from b.
-template <bool Forward, int W>
-void walk_block(const StridedView& u, const StridedView& diag, int n, int bw, const StridedView& b,
-                int off, int c0, double* ring)
-{
-    using P = Pass<Forward>;
-    constexpr int V = W / 2;
-    const int rows = std::min(bw, n - 1) + 1;
-    const auto up = [rows](int s) { return s + 1 == rows ? 0 : s + 1; };
-    const auto down = [rows](int s) { return s == 0 ? rows - 1 : s - 1; };
-    for (int i = P::first(n), si = i % rows; P::in(i, n);
-         i = P::next(i), si = Forward ? up(si) : down(si)) {
-        double* const xi = ring ? ring + si * W : nullptr;
-        const double d = diag(i, i);
-        if (!P::solves(d)) {
-            for (int c = 0; c < W; ++c) {
-                if (ring)
-                    xi[c] = 0.0;
-                b(i + off, c0 + c) = 0.0;
-            }
-            continue;
-        }
-        Pair s[V];
-        for (int v = 0; v < V; ++v)
-            s[v] = Pair{b(i + off, c0 + 2 * v), b(i + off, c0 + 2 * v + 1)};
-        const int k_last = P::last_term(i, n, bw);
-        for (int k = P::prev(i), sk = Forward ? down(si) : up(si); P::reaches(k, k_last);
-             k = P::prev(k), sk = Forward ? down(sk) : up(sk)) {
-            if (diag(k, k) >= 0.0) { // zero included, NaN excluded
-                const Pair f = splat(P::coefficient(u, i, k));
-                if (ring) {
-                    const double* xk = ring + sk * W;
-                    for (int v = 0; v < V; ++v)
-                        s[v] -= f * load_pair(xk + 2 * v);
-                } else {
-                    for (int v = 0; v < V; ++v)
-                        s[v] -= f * Pair{b(k + off, c0 + 2 * v), b(k + off, c0 + 2 * v + 1)};
-                }
-            }
-        }
-        const Pair dv = splat(d);
-        for (int v = 0; v < V; ++v) {
-            const Pair x = s[v] / dv;
-            if (ring)
-                store_pair(xi + 2 * v, x);
-            b(i + off, c0 + 2 * v) = x[0];
-            b(i + off, c0 + 2 * v + 1) = x[1];
-        }
-    }
-}
-
-template <bool Forward>
-void substitute(const StridedView& u, int n, int bw, const StridedView& b, int off, int c,
-                int c_end)
-{
-    if (n <= 0 || c >= c_end)
-        return;
-    bw = std::min(bw, n); // the loops clamp at 0 and n - 1: wider changes nothing
-    alignas(32) double diag_copy[kDiagonalCopy];
-    StridedView diag = u;
-    if (u.rs + u.cs > kFarDiagonal && n <= kDiagonalCopy) {
-        for (int k = 0; k < n; ++k)
-            diag_copy[k] = u(k, k);
-        diag = StridedView{diag_copy, 1, 0};
-    }
-    alignas(32) double ring_doubles[kRingDoubles];
-    const int rows = std::min(bw, n - 1) + 1;
-    auto run = [&](auto width) {
-        constexpr int w = decltype(width)::value;
-        double* ring = rows * w <= kRingDoubles ? ring_doubles : nullptr;
-        for (; c_end - c >= w; c += w)
-            walk_block<Forward, w>(u, diag, n, bw, b, off, c, ring);
-    };
-    run(std::integral_constant<int, kColumnBlock>{});
-    run(std::integral_constant<int, 8>{});
-    run(std::integral_constant<int, 4>{});
-    run(std::integral_constant<int, 2>{});
-    for (; c < c_end; ++c)
-        walk_column<Forward>(u, diag, n, bw, b, off, c);
-}
-
-} // namespace
+namespace avx2 {
+void forward_kernel(const StridedView& u, int n, int bw, const StridedView& b, int off, int c_begin,
+                    int c_end);
+void backward_kernel(const StridedView& u, int n, int bw, const StridedView& b, int off,
+                     int c_begin, int c_end);
+} // namespace avx2
+namespace avx512 {
+void forward_kernel(const StridedView& u, int n, int bw, const StridedView& b, int off, int c_begin,
+                    int c_end);
+void backward_kernel(const StridedView& u, int n, int bw, const StridedView& b, int off,
+                     int c_begin, int c_end);
+} // namespace avx512
 
 void forward_kernel(const StridedView& u, int n, int bw, const StridedView& b, int off, int c_begin,
                     int c_end)
 {
-    substitute<true>(u, n, bw, b, off, c_begin, c_end);
+    switch (kernel_isa()) {
+    case Isa::kAvx512:
+        return avx512::forward_kernel(u, n, bw, b, off, c_begin, c_end);
+    case Isa::kAvx2:
+        return avx2::forward_kernel(u, n, bw, b, off, c_begin, c_end);
+    default:
+        return sse2::forward_kernel(u, n, bw, b, off, c_begin, c_end);
+    }
 }
 
 void backward_kernel(const StridedView& u, int n, int bw, const StridedView& b, int off,
                      int c_begin, int c_end)
 {
-    substitute<false>(u, n, bw, b, off, c_begin, c_end);
+    switch (kernel_isa()) {
+    case Isa::kAvx512:
+        return avx512::backward_kernel(u, n, bw, b, off, c_begin, c_end);
+    case Isa::kAvx2:
+        return avx2::backward_kernel(u, n, bw, b, off, c_begin, c_end);
+    default:
+        return sse2::backward_kernel(u, n, bw, b, off, c_begin, c_end);
+    }
 }
 
 } // namespace internal
