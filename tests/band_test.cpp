@@ -10,6 +10,8 @@
 #include <limits>
 #include <random>
 #include <set>
+#include <utility>
+#include <vector>
 
 #include "kelmatrix/band.h"
 #include "test_util.h"
@@ -19,10 +21,10 @@ namespace {
 const double kInf = std::numeric_limits<double>::infinity();
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-kt::Dense matrix(int rows, int cols, std::initializer_list<double> column_major)
+kt::Dense matrix(int rows, int cols, std::vector<double> column_major)
 {
     kt::Dense a(rows, cols);
-    a.v.assign(column_major);
+    a.v = std::move(column_major);
     return a;
 }
 
@@ -35,56 +37,47 @@ kt::Dense factor_and_solve(KelMatrix& A, int bw, double tol, int count, const kt
     return kt::from_kel(B);
 }
 
-TEST(BandCholesky, WorkedExamples)
+// Exact cases: the whole array after factoring (its lower triangle never touched) and the
+// solution, bit for bit.
+// - The tolerance is strict and applies to d = U(i,i)^2, not to U(i,i): d == tol is accepted,
+//   d = 4 >= 3 although sqrt(d) = 2 < 3; bw = 0 means the order.
+// - With tol = 0 a zero pivot is accepted and the three diagonal tests part ways: the
+//   factorization skips row 0 (> 0), the forward pass divides by it and lets it contribute
+//   (>= 0), the backward pass gives its unknown 0 (> 0).
+// - A dropped pivot (-1.0) keeps its row's input and is left out of every later sum; its
+//   unknown is 0.
+// - One rounding tie decides the result: the forward pass subtracts from k = i-1 down to 0, the
+//   backward pass from k = i+1 up (either order reversed moves the solution by 2^-54).
+TEST(BandCholesky, PinnedFactorsAndSolutions)
 {
-    kt::KelOf A(matrix(2, 2, {1, 7, 1, 1})); // 7: the lower triangle is never touched
-    EXPECT_TRUE(kt::same_bits(factor_and_solve(A, 1, 1e-12, 1, matrix(2, 1, {2, 2})),
-                              matrix(2, 1, {2, 0})));
-    EXPECT_TRUE(kt::same_bits(kt::from_kel(A), matrix(2, 2, {1, 7, 1, -1}))); // d = 0: dropped
-    kt::KelOf F(matrix(1, 1, {4}));
-    EXPECT_EQ(factor_and_solve(F, 0, 0.0, 1, matrix(1, 1, {8})).v[0], 2.0);
-    EXPECT_EQ(F(0, 0), 2.0);
-
-    // The tolerance is strict and applies to d = U(i,i)^2, not to U(i,i).
-    const kt::Dense a = matrix(2, 2, {4, 2, 2, 2}); // U = [2 1; 0 1]: d1 = 1 exactly
-    kt::KelOf T(a), T2(a), G(matrix(1, 1, {4}));
-    EXPECT_EQ(Cholesky_factor(T, 1, 1.0), 2); // d == tol is accepted
-    EXPECT_EQ(Cholesky_factor(T2, 1, std::nextafter(1.0, 2.0)), 1);
-    EXPECT_EQ(T2(1, 1), -1.0);
-    EXPECT_EQ(Cholesky_factor(G, 1, 3.0), 1); // d = 4 >= 3 although sqrt(d) = 2 < 3
-}
-
-// With tol = 0 a zero pivot is accepted and the three diagonal tests part ways: the
-// factorization skips row 0 (> 0), the forward pass divides by it and lets it contribute
-// (>= 0), the backward pass gives its unknown 0 (> 0). A dropped pivot (-1.0) keeps its row's
-// input and is left out of every later sum.
-TEST(BandCholesky, ZeroAndDroppedPivots)
-{
-    kt::KelOf Z(matrix(2, 2, {0, 1, 1, 4}));
-    const kt::Dense z = factor_and_solve(Z, 1, 0.0, 2, matrix(2, 1, {1, 1}));
-    EXPECT_EQ(Z(0, 1), kInf);
-    EXPECT_EQ(Z(1, 1), 2.0);                                 // 4 - inf^2 would have dropped it
-    EXPECT_TRUE(kt::same_bits(z, matrix(2, 1, {0, -kInf}))); // y1 = (1 - inf * inf) / 2
-
-    kt::KelOf D(matrix(3, 3, {1, 1, 1, 1, 1, 1, 1, 1, 2}));
-    EXPECT_TRUE(kt::same_bits(factor_and_solve(D, 2, 1e-12, 2, matrix(3, 1, {2, 2, 3})),
-                              matrix(3, 1, {1, 0, 1})));
-    EXPECT_EQ(D(1, 2), 1.0);
-    EXPECT_EQ(D(2, 2), 1.0); // 2 - 1, without the dropped row's 1
-}
-
-// Exact factors chosen so that one rounding tie decides the result: the forward pass subtracts
-// from k = i-1 down to 0, the backward pass from k = i+1 up. (Either order reversed moves the
-// pinned solution by 2^-54.)
-TEST(BandCholesky, SubstitutionSumsRunInTheirFixedOrder)
-{
-    const double t = std::ldexp(1.0, -54);                  // half an ulp of 1: 1 - t rounds to 1
-    kt::KelOf A(matrix(3, 3, {1, 0, 1, 0, 1, 1, 1, 1, 3})); // U = [1 0 1; 0 1 1; 0 0 1]
-    EXPECT_TRUE(kt::same_bits(factor_and_solve(A, 2, 1e-12, 3, matrix(3, 1, {1, t, 1})),
-                              matrix(3, 1, {1, t, 0})));     // y2 = (1 - t) - 1, not (1 - 1) - t
-    kt::KelOf A2(matrix(3, 3, {1, t, 1, t, 1, t, 1, t, 2})); // U = [1 t 1; 0 1 0; 0 0 1]
-    EXPECT_TRUE(kt::same_bits(factor_and_solve(A2, 2, 1e-12, 3, matrix(3, 1, {1, 1, 2})),
-                              matrix(3, 1, {0, 1, 1}))); // x0 = (1 - t) - 1, not (1 - 1) - t
+    const double t = std::ldexp(1.0, -54), up = std::nextafter(1.0, 2.0), e = 1e-12;
+    const struct {
+        int bw;
+        double tol;
+        int count;
+        std::vector<double> a, u, b, x; // column-major; n from b
+    } cases[] = {
+        // d == tol accepted; d just below tol dropped; d = 4 >= 3 although sqrt(d) < 3, bw = 0
+        {1, 1.0, 2, {4, 2, 2, 2}, {2, 2, 1, 1}, {6, 4}, {1, 1}},
+        {1, up, 1, {4, 2, 2, 2}, {2, 2, 1, -1}, {6, 4}, {1.5, 0}},
+        {0, 3.0, 1, {4}, {2}, {8}, {2}},
+        // d = 0 dropped (7: the lower triangle); tol = 0: a zero pivot (4 - inf^2 would drop)
+        {1, e, 1, {1, 7, 1, 1}, {1, 7, 1, -1}, {2, 2}, {2, 0}},
+        {1, 0.0, 2, {0, 1, 1, 4}, {0, 1, kInf, 2}, {1, 1}, {0, -kInf}},
+        // a dropped pivot keeps its row: U(2,2) = sqrt(2 - 1) without the dropped row's 1
+        {2, e, 2, {1, 1, 1, 1, 1, 1, 1, 1, 2}, {1, 1, 1, 1, -1, 1, 1, 1, 1}, {2, 2, 3}, {1, 0, 1}},
+        // forward order: y2 = (1 - t) - 1, not (1 - 1) - t; backward: x0 = (1 - t) - 1
+        {2, e, 3, {1, 0, 1, 0, 1, 1, 1, 1, 3}, {1, 0, 1, 0, 1, 1, 1, 1, 1}, {1, t, 1}, {1, t, 0}},
+        {2, e, 3, {1, t, 1, t, 1, t, 1, t, 2}, {1, t, 1, t, 1, t, 1, 0, 1}, {1, 1, 2}, {0, 1, 1}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        const int n = int(c.b.size());
+        kt::KelOf A(matrix(n, n, c.a));
+        const kt::Dense x = factor_and_solve(A, c.bw, c.tol, c.count, matrix(n, 1, c.b));
+        EXPECT_TRUE(kt::same_bits(kt::snapshot(A), c.u));
+        EXPECT_TRUE(kt::same_bits(x.v, c.x));
+    }
 }
 
 // ---- cyclic (bordered) systems ----
