@@ -13,7 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <map>
 #include <random>
 #include <sstream>
 #include <string>
@@ -203,24 +202,6 @@ inline bool same_bits(const Dense& a, const Dense& b)
 {
     return a.rows == b.rows && a.cols == b.cols && same_bits(a.v, b.v);
 }
-
-/// A user-derived storage type: elements in a std::map keyed by (i, j), shape set through the
-/// protected fields, no element block. Reading an unset element gives 0.
-class MapMatrix : public KelGenericMatrix {
-public:
-    MapMatrix(int rows, int cols)
-    {
-        rowDim = rows;
-        colDim = cols;
-    }
-    double& operator()(int i, int j) override { return cells[{i, j}]; }
-    double operator()(int i, int j) const override
-    {
-        const auto it = cells.find({i, j});
-        return it == cells.end() ? 0.0 : it->second;
-    }
-    std::map<std::pair<int, int>, double> cells;
-};
 
 /// The upper band (j - kd <= i <= j) of a matrix through its accessor, zeros elsewhere; kd < 0
 /// takes the whole upper triangle. Reads a dense or a kl = 0 band matrix alike.
