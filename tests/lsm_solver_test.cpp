@@ -409,6 +409,14 @@ TEST_F(LSMsolverTest, DiagnosticsReportInertiaStatisticsAndErrors)
                  "zero pivot, numerical factorization or iterative refinement problem");
     EXPECT_STREQ(LSMsolver_error_message(0), "no error");
     EXPECT_STREQ(LSMsolver_error_message(-99), "unknown PARDISO error");
+
+    // A failed factorization leaves the solver ready: with the shift taken back in the borrowed
+    // values (each upper row starts at its diagonal), the retry factors and solves, and the
+    // destructor's clear() releases what the engine kept from the failed attempt.
+    for (int i = 0; i < n; ++i)
+        T.a[T.ia[i] - 1] += sigma;
+    EXPECT_TRUE(spd.factor());
+    EXPECT_LT(solve_ratio(spd, T, kt::random_dense(rng, n, 1)), 30.0);
 }
 
 // Every matrix of the collection, each with the type it is solved as. hangGlider_2, west0479 and

@@ -206,6 +206,9 @@ public:
               LSMsolver_mattype mtype);
     /// Analysis and numerical factorization. False when not freshly initialized or cleared, or
     /// when PARDISO reports an error (the state is then unchanged and factor() may be retried).
+    /// PARDISO may keep memory from a failed attempt on the handle; clear() does not call it in
+    /// that state, so retry factor() (for example with corrected values), whose success
+    /// clear() then releases with everything else.
     bool factor();
     /// Solves every column of B into X (both n x cols, column-major; X is not re-dimensioned and
     /// B is not modified). False on a shape mismatch (X untouched) or a PARDISO error (X may
