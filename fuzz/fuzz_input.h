@@ -92,6 +92,23 @@ inline bool same_storage(const KelGenericMatrix& a, const KelGenericMatrix& b)
                                                    sizeof(double) * a.GetStorageSize()) == 0);
 }
 
+/// Equality of two routes' results: the same bits, or both NaN (the payload of a NaN made where
+/// two NaNs meet depends on operand order, which the routes do not pin).
+inline bool same_result(double a, double b)
+{
+    return same_bits(a, b) || (std::isnan(a) && std::isnan(b));
+}
+
+inline bool same_results(const KelGenericMatrix& a, const KelGenericMatrix& b)
+{
+    if (a.GetStorageSize() != b.GetStorageSize())
+        return false;
+    for (int k = 0; k < a.GetStorageSize(); ++k)
+        if (!same_result(a.GetElements()[k], b.GetElements()[k]))
+            return false;
+    return true;
+}
+
 inline std::vector<double> snapshot(const KelGenericMatrix& m)
 {
     return std::vector<double>(m.GetElements(), m.GetElements() + m.GetStorageSize());

@@ -4,8 +4,8 @@
 // (the generic route), an empty inner factor (q = 0) included.
 //
 // Properties: Solve_Kronecker with copies never changes A or B, and X only on success; the
-// substitutions give the same bits whatever the factors' storage and route (only their upper
-// bands are read, through the accessor).
+// substitutions give the same bits (NaN payloads aside) whatever the factors' storage and route
+// (only their upper bands are read, through the accessor).
 #include "kelmatrix/band.h"
 
 #include "fuzz_input.h"
@@ -67,11 +67,11 @@ void substitute(FuzzedDataProvider& in)
     kronecker_lower_substitute(w1, w2, D1, D2, X1);
     kronecker_lower_substitute(w1, w2, B1, B2, X2);
     kronecker_lower_substitute(w1, w2, F1, F2, X3);
-    FUZZ_CHECK(fz::same_storage(X1, X2) && fz::same_storage(X1, X3));
+    FUZZ_CHECK(fz::same_results(X1, X2) && fz::same_results(X1, X3));
     kronecker_upper_substitute(w1, w2, D1, D2, X1);
     kronecker_upper_substitute(w1, w2, B1, B2, X2);
     kronecker_upper_substitute(w1, w2, F1, F2, X3);
-    FUZZ_CHECK(fz::same_storage(X1, X2) && fz::same_storage(X1, X3));
+    FUZZ_CHECK(fz::same_results(X1, X2) && fz::same_results(X1, X3));
 }
 
 } // namespace
