@@ -152,6 +152,92 @@ KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& dia
     }
 }
 
+// W right-hand sides together when the ring cannot hold the band (dense storage): the solved
+// rows are kept row-major in b itself, so that every term is still a vector load. Rows are
+// taken in tiles of W in the pass's order. A tile's rows are solved into a W x W block on the
+// stack, since b still holds the inputs of its later rows; once the tile is whole it is stored
+// transposed into its own W x W block of b, where row k's W values are then contiguous. The
+// tiles are transposed back at the end of the pass. Values are only moved, never recomputed,
+// so b ends bit for bit as the other walks leave it. Needs b's columns contiguous (rs = 1) and
+// apart (cs >= off + n).
+template <bool Forward, int W>
+KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedView& diag_view, int n,
+                                     int bw, const StridedView& b_view, int off, int c0)
+{
+    const StridedView u = u_view, diag = diag_view, b = b_view; // as in walk_column
+    using P = Pass<Forward>;
+    constexpr int L = W < KEL_ISA_WIDTH ? W : KEL_ISA_WIDTH, V = W / L;
+    typedef typename Lanes<L>::type Vec;
+    const long long cs = b.cs;
+    double* const base = b.p + off + c0 * cs; // row off of column c0
+    // Tile t holds the rows at pass positions tW .. tW + W - 1; its lowest row:
+    const auto low = [n](int t) { return Forward ? t * W : n - W * (t + 1); };
+    // Where row k of a stored (whole, earlier) tile keeps its W values.
+    const auto stored = [&](int k) {
+        const int lo = low((Forward ? k : n - 1 - k) / W);
+        return base + lo + (k - lo) * cs;
+    };
+    alignas(64) double tile[W * W];
+    const int whole = n / W;
+    for (int p = 0; p < n; ++p) {
+        const int i = Forward ? p : n - 1 - p, t = p / W, r = p - t * W;
+        double* const xi = tile + r * W;
+        const double d = diag(i, i);
+        if (!P::solves(d)) {
+            for (int c = 0; c < W; ++c)
+                xi[c] = 0.0;
+        } else {
+            Vec s[V];
+            for (int v = 0; v < V; ++v)
+                s[v] = gather<Vec, L>(b, i + off, c0 + L * v);
+            const int k_last = P::last_term(i, n, bw);
+            int k = P::prev(i);
+            // The terms in the order of the sum: the tile's own rows first (on the stack), then
+            // the stored tiles, nearest first.
+            for (int rk = r - 1; rk >= 0 && P::reaches(k, k_last); --rk, k = P::prev(k))
+                if (diag(k, k) >= 0.0) { // zero included, NaN excluded
+                    const double f = P::coefficient(u, i, k);
+                    for (int v = 0; v < V; ++v) {
+                        Vec x;
+                        std::memcpy(&x, tile + rk * W + L * v, sizeof x);
+                        s[v] -= x * f;
+                    }
+                }
+            for (; P::reaches(k, k_last); k = P::prev(k))
+                if (diag(k, k) >= 0.0) {
+                    const double f = P::coefficient(u, i, k);
+                    const double* xk = stored(k);
+                    for (int v = 0; v < V; ++v) {
+                        Vec x;
+                        std::memcpy(&x, xk + L * v, sizeof x);
+                        s[v] -= x * f;
+                    }
+                }
+            for (int v = 0; v < V; ++v) {
+                const Vec x = s[v] / d;
+                std::memcpy(xi + L * v, &x, sizeof x);
+            }
+        }
+        if (r == W - 1) // the tile is whole: row by row into its block, transposed
+            for (int q = 0; q < W; ++q) {
+                const int pq = p - (W - 1) + q; // slot q's pass position
+                std::memcpy(stored(Forward ? pq : n - 1 - pq), tile + q * W, W * sizeof(double));
+            }
+    }
+    // The last, partial tile straight from the stack; the whole ones transposed back.
+    for (int p = whole * W; p < n; ++p) {
+        const int i = Forward ? p : n - 1 - p;
+        for (int c = 0; c < W; ++c)
+            b(i + off, c0 + c) = tile[(p - whole * W) * W + c];
+    }
+    for (int t = 0; t < whole; ++t) {
+        double* const blk = base + low(t);
+        for (int a = 0; a < W; ++a)
+            for (int c = a + 1; c < W; ++c)
+                std::swap(blk[c + a * cs], blk[a + c * cs]);
+    }
+}
+
 template <bool Forward>
 KEL_ISA_TARGET void substitute(const StridedView& u, int n, int bw, const StridedView& b, int off,
                                int c, int c_end)
@@ -168,11 +254,15 @@ KEL_ISA_TARGET void substitute(const StridedView& u, int n, int bw, const Stride
     }
     alignas(32) double ring_doubles[kRingDoubles];
     const int rows = std::min(bw, n - 1) + 1;
+    const bool in_place = b.rs == 1 && b.cs >= static_cast<long long>(off) + n;
     auto run = [&](auto width) {
         constexpr int w = decltype(width)::value;
         double* ring = rows * w <= kRingDoubles ? ring_doubles : nullptr;
         for (; c_end - c >= w; c += w)
-            walk_block<Forward, w>(u, diag, n, bw, b, off, c, ring);
+            if (ring || !in_place)
+                walk_block<Forward, w>(u, diag, n, bw, b, off, c, ring);
+            else
+                walk_block_tiled<Forward, w>(u, diag, n, bw, b, off, c);
     };
     run(std::integral_constant<int, kColumnBlock>{});
     run(std::integral_constant<int, 8>{});
