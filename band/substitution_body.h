@@ -55,7 +55,21 @@ template <bool Forward> struct Pass {
         return Forward ? u(k, i) : u(i, k);
     }
     static bool solves(double d) { return Forward ? !(d < 0.0) : !(d <= 0.0); }
+    // The coefficient that the row `ahead` rows further on reads in place of U's (i, k) term.
+    static const double* later(const StridedView& u, int i, int k, int ahead)
+    {
+        return Forward ? &u(k + ahead, i + ahead) : &u(i - ahead, k - ahead);
+    }
 };
+
+// How many rows ahead the coefficients are fetched while a row's chain runs. Each pass reads
+// every coefficient once, and against the address order in one of the two directions; the
+// hardware prefetcher does not keep up with that, and a wide band then waits on memory at every
+// row. About 1024 terms ahead, at least one row (measured: 512 to 2048 alike).
+inline int rows_ahead(int bw)
+{
+    return std::max(1, 1024 / std::max(1, bw));
+}
 
 // One right-hand side. The first term of each unknown is the unknown just stored, taken from a
 // register instead of memory: no store lies between, so it is the value a load would return.
@@ -67,17 +81,22 @@ KEL_ISA_TARGET void walk_column(const StridedView& u_view, const StridedView& di
     const StridedView u = u_view, diag = diag_view, b = b_view;
     using P = Pass<Forward>;
     double last = 0.0;
+    const int ahead = rows_ahead(bw);
     for (int i = P::first(n); P::in(i, n); i = P::next(i)) {
         const double d = diag(i, i);
         double x = 0.0;
         if (P::solves(d)) {
             double s = b(i + off, c);
             const int k_last = P::last_term(i, n, bw), k = P::prev(i);
+            const bool fetch = P::in(Forward ? i + ahead : i - ahead, n);
             if (P::reaches(k, k_last) && diag(k, k) >= 0.0) // zero included, NaN excluded
                 s -= P::coefficient(u, i, k) * last;
-            for (int kk = P::prev(k); P::reaches(kk, k_last); kk = P::prev(kk))
+            for (int kk = P::prev(k); P::reaches(kk, k_last); kk = P::prev(kk)) {
+                if (fetch)
+                    __builtin_prefetch(P::later(u, i, kk, ahead));
                 if (diag(kk, kk) >= 0.0)
                     s -= P::coefficient(u, i, kk) * b(kk + off, c);
+            }
             x = s / d;
         }
         b(i + off, c) = x;
@@ -108,6 +127,7 @@ KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& dia
     const int rows = std::min(bw, n - 1) + 1;
     const auto up = [rows](int s) { return s + 1 == rows ? 0 : s + 1; };
     const auto down = [rows](int s) { return s == 0 ? rows - 1 : s - 1; };
+    const int ahead = rows_ahead(bw);
     for (int i = P::first(n), si = i % rows; P::in(i, n);
          i = P::next(i), si = Forward ? up(si) : down(si)) {
         double* const xi = ring ? ring + si * W : nullptr;
@@ -125,8 +145,11 @@ KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& dia
         for (int v = 0; v < V; ++v)
             s[v] = gather<Vec, L>(b, i + off, c0 + L * v);
         const int k_last = P::last_term(i, n, bw);
+        const bool fetch = P::in(Forward ? i + ahead : i - ahead, n);
         for (int k = P::prev(i), sk = Forward ? down(si) : up(si); P::reaches(k, k_last);
              k = P::prev(k), sk = Forward ? down(sk) : up(sk)) {
+            if (fetch)
+                __builtin_prefetch(P::later(u, i, k, ahead));
             if (diag(k, k) >= 0.0) { // zero included, NaN excluded
                 const double f = P::coefficient(u, i, k);
                 if (ring) {
@@ -178,7 +201,7 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
         return base + lo + (k - lo) * cs;
     };
     alignas(64) double tile[W * W];
-    const int whole = n / W;
+    const int whole = n / W, ahead = rows_ahead(bw);
     for (int p = 0; p < n; ++p) {
         const int i = Forward ? p : n - 1 - p, t = p / W, r = p - t * W;
         double* const xi = tile + r * W;
@@ -191,10 +214,13 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
             for (int v = 0; v < V; ++v)
                 s[v] = gather<Vec, L>(b, i + off, c0 + L * v);
             const int k_last = P::last_term(i, n, bw);
+            const bool fetch = P::in(Forward ? i + ahead : i - ahead, n);
             int k = P::prev(i);
             // The terms in the order of the sum: the tile's own rows first (on the stack), then
             // the stored tiles, nearest first.
-            for (int rk = r - 1; rk >= 0 && P::reaches(k, k_last); --rk, k = P::prev(k))
+            for (int rk = r - 1; rk >= 0 && P::reaches(k, k_last); --rk, k = P::prev(k)) {
+                if (fetch)
+                    __builtin_prefetch(P::later(u, i, k, ahead));
                 if (diag(k, k) >= 0.0) { // zero included, NaN excluded
                     const double f = P::coefficient(u, i, k);
                     for (int v = 0; v < V; ++v) {
@@ -203,7 +229,10 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
                         s[v] -= x * f;
                     }
                 }
-            for (; P::reaches(k, k_last); k = P::prev(k))
+            }
+            for (; P::reaches(k, k_last); k = P::prev(k)) {
+                if (fetch)
+                    __builtin_prefetch(P::later(u, i, k, ahead));
                 if (diag(k, k) >= 0.0) {
                     const double f = P::coefficient(u, i, k);
                     const double* xk = stored(k);
@@ -213,6 +242,7 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
                         s[v] -= x * f;
                     }
                 }
+            }
             for (int v = 0; v < V; ++v) {
                 const Vec x = s[v] / d;
                 std::memcpy(xi + L * v, &x, sizeof x);
