@@ -8,9 +8,10 @@
 // blocks of 16, 8, 4 or 2: the solved rows of the last bw + 1 unknowns are kept row-major in a
 // ring on the stack, so every term is one vector operation across the columns, while each
 // column still takes its terms in its own fixed order; the vectors are as wide as the
-// instruction set allows (KEL_ISA_WIDTH doubles, fewer for a narrower block). A far-strided
+// instruction set allows (KEL_ISA_WIDTH doubles, fewer for a narrower block). A band too wide
+// for the ring keeps the solved rows row-major in b itself, tile by tile. A far-strided
 // diagonal (dense storage: one page per element) is first copied into a row on the stack when
-// it fits.
+// it fits. Every walk fetches the coefficients of a few rows ahead while a row's sums run.
 #include <algorithm>
 #include <cstring>
 #include <type_traits>
