@@ -21,6 +21,12 @@ int factor_kernel(const StridedView& a, int n, int bw, double tol);
 /// Cholesky_factor of the whole upper triangle of the order-n view a (every k from 0), tiled
 /// (tiled_factor_body.h), on the instruction set kernel_isa() names; returns the count.
 int tiled_factor_kernel(const StridedView& a, int n, double tol);
+/// The wide-band factor's update of columns j0 .. j0 + columns - 1 (8 or 16) of row i
+/// (column_block_body.h), on the instruction set kernel_isa() names: s[jj] -= U(k, j0 + jj)
+/// U(k, i) for k = k .. k_end - 1 ascending with positive[k & mask] (0 or 1); col[jj] points at
+/// U(0, j0 + jj), ci at U(0, i), each column contiguous in k.
+void column_block_kernel(const double* const* col, const double* ci, const unsigned char* positive,
+                         int mask, int k, int k_end, double* s, int columns);
 
 /// U^T y = b (forward) or U x = y (backward) with the order-n factor u of width bw >= 1, in
 /// place in rows off .. off + n - 1 of columns c_begin .. c_end - 1 of b.

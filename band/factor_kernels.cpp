@@ -141,9 +141,9 @@ template <int W> int factor_ring(const StridedView& a, int n, int bw, double tol
     return count;
 }
 
-// Wide band or dense: each block of kBlock columns j of row i takes its terms from the columns
-// of U together, k ascending. Whether U(k, k) > 0 is kept for the last kFlagMask + 1 rows, more
-// than the band reaches back.
+// Wide band: each block of kBlock columns j of row i (two where they fit) takes its terms from
+// the columns of U together, k ascending. Whether U(k, k) > 0 is kept for the last kFlagMask + 1
+// rows, more than the band reaches back.
 int factor_columns(const StridedView& a, int n, int bw, double tol)
 {
     constexpr int kBlock = 8;
@@ -167,12 +167,9 @@ int factor_columns(const StridedView& a, int n, int bw, double tol)
         positive[i & kFlagMask] = pivot > 0.0;
 
         const int j_end = std::min(n - 1, i + bw);
-        for (int j0 = i + 1; j0 <= j_end; j0 += kBlock) {
-            const int nj = std::min(kBlock, j_end - j0 + 1);
-            double s[kBlock];
-            for (int jj = 0; jj < nj; ++jj)
-                s[jj] = a(i, j0 + jj);
-            // Column j takes k from max(0, j - bw): below k_all only some columns of the block.
+        // The terms of columns j0 .. j0 + nj - 1 with k below k_all, which reach only some of
+        // them (column j takes k from max(0, j - bw)); returns k_all.
+        const auto partial = [&](int j0, int nj, double* s) {
             const int k_all = std::min(i, std::max(0, j0 + nj - 1 - bw));
             for (int k = std::max(0, j0 - bw); k < k_all; ++k)
                 if (positive[k & kFlagMask]) {
@@ -181,50 +178,44 @@ int factor_columns(const StridedView& a, int n, int bw, double tol)
                         if (k >= j0 + jj - bw)
                             s[jj] -= a(k, j0 + jj) * f;
                 }
-            if (nj == kBlock && a.rs == 1) {
-                // Columns contiguous in k: rows k and k+1 of two columns make a 2 x 2 block,
-                // turned into pairs across j; each sum still takes k before k + 1.
-                const double* col[kBlock];
-                for (int jj = 0; jj < kBlock; ++jj)
-                    col[jj] = &a(0, j0 + jj);
-                const double* ci = &a(0, i);
-                Pair acc[kBlock / 2];
-                for (int v = 0; v < kBlock / 2; ++v)
-                    acc[v] = Pair{s[2 * v], s[2 * v + 1]};
-                for (int k = k_all; k < i;) {
-                    const bool pk = positive[k & kFlagMask];
-                    if (k + 1 < i && pk && positive[(k + 1) & kFlagMask]) {
-                        const Pair f0 = splat(ci[k]), f1 = splat(ci[k + 1]);
-                        for (int v = 0; v < kBlock / 2; ++v) {
-                            const Pair x = load_pair(col[2 * v] + k);     // (k, j), (k+1, j)
-                            const Pair y = load_pair(col[2 * v + 1] + k); // (k, j+1), (k+1, j+1)
-                            acc[v] -= Pair{x[0], y[0]} * f0;
-                            acc[v] -= Pair{x[1], y[1]} * f1;
-                        }
-                        k += 2;
-                        continue;
-                    }
-                    if (pk) {
-                        const Pair f = splat(ci[k]);
-                        for (int v = 0; v < kBlock / 2; ++v)
-                            acc[v] -= Pair{col[2 * v][k], col[2 * v + 1][k]} * f;
-                    }
-                    ++k;
-                }
-                for (int v = 0; v < kBlock / 2; ++v) {
-                    s[2 * v] = acc[v][0];
-                    s[2 * v + 1] = acc[v][1];
-                }
-            } else {
-                for (int k = k_all; k < i; ++k)
-                    if (positive[k & kFlagMask]) {
-                        const double f = a(k, i);
-                        for (int jj = 0; jj < nj; ++jj)
-                            s[jj] -= a(k, j0 + jj) * f;
-                    }
-            }
+            return k_all;
+        };
+        for (int j0 = i + 1; j0 <= j_end;) {
+            const int nj = std::min(2 * kBlock, j_end - j0 + 1);
+            double s[2 * kBlock];
             for (int jj = 0; jj < nj; ++jj)
+                s[jj] = a(i, j0 + jj);
+            if (nj >= kBlock && a.rs == 1) {
+                // Columns contiguous in k: runs of rows k of the columns are turned into vectors
+                // across j (as wide as the instruction set allows), each sum still taking k in
+                // ascending order. Two blocks go together from the first k that reaches both.
+                const int nc = nj / kBlock * kBlock;
+                const double* col[2 * kBlock];
+                for (int jj = 0; jj < nc; ++jj)
+                    col[jj] = &a(0, j0 + jj);
+                const double* const ci = &a(0, i);
+                int k_all = partial(j0, kBlock, s);
+                if (nc == 2 * kBlock) {
+                    const int k_second = partial(j0 + kBlock, kBlock, s + kBlock);
+                    column_block_kernel(col, ci, positive, kFlagMask, k_all, k_second, s, kBlock);
+                    k_all = k_second;
+                }
+                column_block_kernel(col, ci, positive, kFlagMask, k_all, i, s, nc);
+                for (int jj = 0; jj < nc; ++jj)
+                    a(i, j0 + jj) = s[jj] / pivot;
+                j0 += nc;
+                continue;
+            }
+            const int nb = std::min(kBlock, nj);
+            for (int k = partial(j0, nb, s); k < i; ++k)
+                if (positive[k & kFlagMask]) {
+                    const double f = a(k, i);
+                    for (int jj = 0; jj < nb; ++jj)
+                        s[jj] -= a(k, j0 + jj) * f;
+                }
+            for (int jj = 0; jj < nb; ++jj)
                 a(i, j0 + jj) = s[jj] / pivot;
+            j0 += nb;
         }
     }
     return count;

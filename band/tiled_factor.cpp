@@ -1,20 +1,26 @@
-// KELMATRIX tiled dense factorization: the SSE2 copy and the choice among the copies.
+// KELMATRIX tiled dense factorization and the wide-band factor update: the SSE2 copies and the
+// choice among the copies.
 #include "band/direct_kernels.h"
 #include "band/kernel_isa.h"
 
 #define KEL_ISA_NS sse2
 #define KEL_ISA_TARGET
 #define KEL_ISA_WIDTH 2
+#include "band/column_block_body.h"
 #include "band/tiled_factor_body.h"
 
 namespace kelmatrix {
 namespace internal {
 namespace avx2 {
 int tiled_factor(const StridedView& a, int n, double tol);
-}
+void column_block(const double* const* col, const double* ci, const unsigned char* positive,
+                  int mask, int k, int k_end, double* s, int columns);
+} // namespace avx2
 namespace avx512 {
 int tiled_factor(const StridedView& a, int n, double tol);
-}
+void column_block(const double* const* col, const double* ci, const unsigned char* positive,
+                  int mask, int k, int k_end, double* s, int columns);
+} // namespace avx512
 
 int tiled_factor_kernel(const StridedView& a, int n, double tol)
 {
@@ -25,6 +31,19 @@ int tiled_factor_kernel(const StridedView& a, int n, double tol)
         return avx2::tiled_factor(a, n, tol);
     default:
         return sse2::tiled_factor(a, n, tol);
+    }
+}
+
+void column_block_kernel(const double* const* col, const double* ci, const unsigned char* positive,
+                         int mask, int k, int k_end, double* s, int columns)
+{
+    switch (kernel_isa()) {
+    case Isa::kAvx512:
+        return avx512::column_block(col, ci, positive, mask, k, k_end, s, columns);
+    case Isa::kAvx2:
+        return avx2::column_block(col, ci, positive, mask, k, k_end, s, columns);
+    default:
+        return sse2::column_block(col, ci, positive, mask, k, k_end, s, columns);
     }
 }
 

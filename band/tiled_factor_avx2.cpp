@@ -3,4 +3,5 @@
 #define KEL_ISA_NS avx2
 #define KEL_ISA_TARGET __attribute__((target("avx2")))
 #define KEL_ISA_WIDTH 4
+#include "band/column_block_body.h"
 #include "band/tiled_factor_body.h"

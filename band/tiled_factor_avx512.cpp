@@ -4,4 +4,5 @@
 #define KEL_ISA_NS avx512
 #define KEL_ISA_TARGET __attribute__((target("avx512f")))
 #define KEL_ISA_WIDTH 8
+#include "band/column_block_body.h"
 #include "band/tiled_factor_body.h"
