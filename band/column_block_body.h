@@ -1,5 +1,5 @@
 // KELMATRIX wide-band factor update, one instruction set (internal)
-// Included once per instruction set by tiled_factor*.cpp after tiled_factor_body.h, with the
+// Included once per instruction set by tiled_factor*.cpp beside tiled_factor_body.h, with the
 // same KEL_ISA_NS, KEL_ISA_TARGET and KEL_ISA_WIDTH.
 //
 // The inner update of the column kernel for a wide band (factor_kernels.cpp): eight sums

@@ -27,6 +27,11 @@ int tiled_factor_kernel(const StridedView& a, int n, double tol);
 /// U(0, j0 + jj), ci at U(0, i), each column contiguous in k.
 void column_block_kernel(const double* const* col, const double* ci, const unsigned char* positive,
                          int mask, int k, int k_end, double* s, int columns);
+/// Row i of the ring kernel (ring_row_body.h) for widths w of 16 and more, on the instruction
+/// set kernel_isa() names: U(i, i + t), t = 1 .. jl, from the rows i - e of the ring, which
+/// start at window - e (w + 1); the results also go to ri and ri2.
+void ring_row_kernel(const StridedView& a, int i, int w, int jl, double pivot, const double* window,
+                     double* ri, double* ri2);
 
 /// U^T y = b (forward) or U x = y (backward) with the order-n factor u of width bw >= 1, in
 /// place in rows off .. off + n - 1 of columns c_begin .. c_end - 1 of b.

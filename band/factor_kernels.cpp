@@ -2,10 +2,11 @@
 // Cholesky_factor on a strided view of the upper band, bit for bit as the generic loops.
 //
 // Narrow bands keep the rows of U still needed in a small row-major ring on the stack, so the
-// update of row i runs over contiguous j with the rows k passing in ascending order; wider bands
-// (and dense storage) take each block of eight columns j of row i together, k ascending. Either
-// way every U(i, j) takes its terms in ascending k, exactly as the generic loops do: only the
-// work on different j is interleaved, which the distinct addresses of the view make exact.
+// update of row i runs over contiguous j with the rows k passing in ascending order (from width
+// 16 on the widest vectors, ring_row_body.h); wider bands take blocks of eight or sixteen columns
+// j of row i together, k ascending (column_block_body.h). Either way every U(i, j) takes its
+// terms in ascending k, exactly as the generic loops do: only the work on different j is
+// interleaved, which the distinct addresses of the view make exact.
 #include <algorithm>
 #include <cmath>
 
@@ -30,6 +31,8 @@ namespace {
 // 2 * 64 * 64 doubles (64 KiB) of stack.
 constexpr int kRingWidth = 63;
 constexpr int kRingDoubles = 2 * (kRingWidth + 1) * (kRingWidth + 1);
+// From this width the rows of the ring kernel run on ring_row_kernel (several vectors of sums).
+constexpr int kWideRow = 16;
 // The column kernel remembers which of the last kMaxDirectWidth + 1 pivots are positive.
 constexpr int kFlagMask = kMaxDirectWidth; // 2^14 - 1
 static_assert((kFlagMask & (kFlagMask + 1)) == 0, "the flag ring's size is a power of two");
@@ -133,7 +136,9 @@ template <int W> int factor_ring(const StridedView& a, int n, int bw, double tol
         const double pivot = std::sqrt(d);
         a(i, i) = pivot;
         ri[0] = ri2[0] = pivot;
-        if (i + w <= n - 1)
+        if (w >= kWideRow) // wide enough for several vectors of sums side by side
+            ring_row_kernel(a, i, w, std::min(w, n - 1 - i), pivot, window, ri, ri2);
+        else if (i + w <= n - 1)
             factor_row<W, true>(a, i, w, w, pivot, window, ri, ri2);
         else // the last rows: j stops at n - 1
             factor_row<W, false>(a, i, w, n - 1 - i, pivot, window, ri, ri2);
@@ -245,10 +250,6 @@ int factor_kernel(const StridedView& a, int n, int bw, double tol)
         return factor_ring<7>(a, n, bw, tol);
     case 8:
         return factor_ring<8>(a, n, bw, tol);
-    case 16:
-        return factor_ring<16>(a, n, bw, tol);
-    case 32:
-        return factor_ring<32>(a, n, bw, tol);
     default:
         break;
     }

@@ -188,10 +188,11 @@ TEST_P(FastRoute, BandCholeskyMatchesTheGenericRoute)
 {
     std::mt19937_64 rng(kt::seed());
     SCOPED_TRACE(kt::seed_note());
-    // Widths: narrow, wider than the band storage's diagonals reach (kBand: in order), the
-    // column kernel (> 96) and the whole matrix; bw <= 0 resolves from the matrix.
-    const int cases[][2] = {{1, 1},  {7, 1},   {30, 2},    {30, 3},
-                            {40, 8}, {25, 24}, {130, 100}, {20, 0}};
+    // Widths: narrow, wider than the band storage's diagonals reach (kBand: in order), the ring
+    // kernel's vector rows (16 .. 63, rows cut by the band's edge), the column kernel (> 63)
+    // and the whole matrix; bw <= 0 resolves from the matrix.
+    const int cases[][2] = {{1, 1},   {7, 1},   {30, 2},    {30, 3}, {40, 8},
+                            {25, 24}, {90, 21}, {130, 100}, {20, 0}};
     for (const auto& c : cases)
         for (double tol : {1e-3, 0.0, -1.0})
             for (int s = 0; s <= kBandLower; ++s) {
