@@ -7,8 +7,8 @@
 // i + t (t + e <= w) with a positive pivot, k ascending, then divided by the pivot. A group of up
 // to kChunks vectors of columns keeps its sums in registers while the rows pass, so that the
 // chunks' chains run side by side. Row k reaches a prefix of the columns; in the chunk it cuts
-// only the lanes it reaches take the term (a select, not arithmetic). Every sum gets exactly the scalar sequence: each product
-// rounded, then subtracted, in ascending k.
+// only the lanes it reaches take the term (a select, not arithmetic). Every sum gets exactly the
+// scalar sequence: each product rounded, then subtracted, in ascending k.
 #include <algorithm>
 #include <cstring>
 
