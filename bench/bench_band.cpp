@@ -88,9 +88,11 @@ void fill_spd_band(KelGenericMatrix& A, int n, int bw, unsigned seed)
 
 // ---- band Cholesky vs dpbtrf / dpbtrs ----
 
-// Seconds per operation of a chain of n dependent subtractions (or divisions), the fastest of
-// five runs: the latency that bounds a substitution whose terms are one dependent chain.
-double chain_latency(bool divide)
+// Seconds per operation of a chain of n dependent subtractions, divisions or multiplications,
+// the fastest of five runs: the latencies that bound a substitution whose terms are one
+// dependent chain.
+enum class Op { kSub, kDiv, kMul };
+double chain_latency(Op op)
 {
     static volatile double operand = 1.0000001, start = 1.0;
     const long n = kb::options().smoke ? 1000 : 20000000;
@@ -100,9 +102,12 @@ double chain_latency(bool divide)
         const double t = kb::seconds([&] {
             const double y = operand; // in registers: no store lies on the chain
             double x = start;
-            if (divide)
+            if (op == Op::kDiv)
                 for (long k = 0; k < n; ++k)
                     x /= y;
+            else if (op == Op::kMul)
+                for (long k = 0; k < n; ++k)
+                    x *= y;
             else
                 for (long k = 0; k < n; ++k)
                     x -= y;
@@ -117,12 +122,17 @@ double chain_latency(bool divide)
 // The latencies, measured once per process, before the first case that needs them.
 const double& sub_latency()
 {
-    static const double s = chain_latency(false);
+    static const double s = chain_latency(Op::kSub);
     return s;
 }
 const double& div_latency()
 {
-    static const double s = chain_latency(true);
+    static const double s = chain_latency(Op::kDiv);
+    return s;
+}
+const double& mul_latency()
+{
+    static const double s = chain_latency(Op::kMul);
     return s;
 }
 
@@ -172,13 +182,18 @@ void band_subst(benchmark::State& state, int n, int bw, int nrhs)
         state.SkipWithError("dpbtrs failed");
     if (nrhs == 1) {
         // Each unknown subtracts its bw terms in a fixed order, the first from the unknown just
-        // solved: one dependent chain through the whole pass, about n (bw sub + div) long (the
-        // multiply that leads each row's chain is left out: a floor, not an estimate).
-        const double floor_ms = 2.0 * n * (bw * sub_latency() + div_latency()) * 1e3;
+        // solved: one dependent chain through the whole pass, n (mul + bw sub + div) long (the
+        // product with the unknown just solved waits for its division). floor_ratio is against
+        // that; floor_ratio_nomul leaves the product out, a looser floor.
+        const double floor_ms =
+            2.0 * n * (mul_latency() + bw * sub_latency() + div_latency()) * 1e3;
+        const double loose_ms = 2.0 * n * (bw * sub_latency() + div_latency()) * 1e3;
         state.counters["sub_ns"] = sub_latency() * 1e9;
         state.counters["div_ns"] = div_latency() * 1e9;
+        state.counters["mul_ns"] = mul_latency() * 1e9;
         state.counters["floor_ms"] = floor_ms;
         state.counters["floor_ratio"] = state.counters["lib_ms"] / floor_ms;
+        state.counters["floor_ratio_nomul"] = state.counters["lib_ms"] / loose_ms;
     }
 }
 
