@@ -23,6 +23,20 @@ Isa kernel_isa();
 /// one in use. For the tests, which compare the instruction sets with each other.
 Isa force_kernel_isa(Isa isa);
 
+/// Calls the copy of a kernel for the instruction set in use: the same function as compiled in
+/// the avx512, avx2 and sse2 namespaces.
+template <class F, class... Args> auto dispatch(F* avx512, F* avx2, F* sse2, Args... args)
+{
+    switch (kernel_isa()) {
+    case Isa::kAvx512:
+        return avx512(args...);
+    case Isa::kAvx2:
+        return avx2(args...);
+    default:
+        return sse2(args...);
+    }
+}
+
 } // namespace internal
 } // namespace kelmatrix
 

@@ -24,27 +24,15 @@ void backward_kernel(const StridedView& u, int n, int bw, const StridedView& b, 
 void forward_kernel(const StridedView& u, int n, int bw, const StridedView& b, int off, int c_begin,
                     int c_end)
 {
-    switch (kernel_isa()) {
-    case Isa::kAvx512:
-        return avx512::forward_kernel(u, n, bw, b, off, c_begin, c_end);
-    case Isa::kAvx2:
-        return avx2::forward_kernel(u, n, bw, b, off, c_begin, c_end);
-    default:
-        return sse2::forward_kernel(u, n, bw, b, off, c_begin, c_end);
-    }
+    dispatch(avx512::forward_kernel, avx2::forward_kernel, sse2::forward_kernel, u, n, bw, b, off,
+             c_begin, c_end);
 }
 
 void backward_kernel(const StridedView& u, int n, int bw, const StridedView& b, int off,
                      int c_begin, int c_end)
 {
-    switch (kernel_isa()) {
-    case Isa::kAvx512:
-        return avx512::backward_kernel(u, n, bw, b, off, c_begin, c_end);
-    case Isa::kAvx2:
-        return avx2::backward_kernel(u, n, bw, b, off, c_begin, c_end);
-    default:
-        return sse2::backward_kernel(u, n, bw, b, off, c_begin, c_end);
-    }
+    dispatch(avx512::backward_kernel, avx2::backward_kernel, sse2::backward_kernel, u, n, bw, b,
+             off, c_begin, c_end);
 }
 
 } // namespace internal

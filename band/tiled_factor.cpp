@@ -29,40 +29,20 @@ void ring_row(const StridedView& a, int i, int w, int jl, double pivot, const do
 
 int tiled_factor_kernel(const StridedView& a, int n, double tol)
 {
-    switch (kernel_isa()) {
-    case Isa::kAvx512:
-        return avx512::tiled_factor(a, n, tol);
-    case Isa::kAvx2:
-        return avx2::tiled_factor(a, n, tol);
-    default:
-        return sse2::tiled_factor(a, n, tol);
-    }
+    return dispatch(avx512::tiled_factor, avx2::tiled_factor, sse2::tiled_factor, a, n, tol);
 }
 
 void column_block_kernel(const double* const* col, const double* ci, const unsigned char* positive,
                          int mask, int k, int k_end, double* s, int columns)
 {
-    switch (kernel_isa()) {
-    case Isa::kAvx512:
-        return avx512::column_block(col, ci, positive, mask, k, k_end, s, columns);
-    case Isa::kAvx2:
-        return avx2::column_block(col, ci, positive, mask, k, k_end, s, columns);
-    default:
-        return sse2::column_block(col, ci, positive, mask, k, k_end, s, columns);
-    }
+    dispatch(avx512::column_block, avx2::column_block, sse2::column_block, col, ci, positive, mask,
+             k, k_end, s, columns);
 }
 
 void ring_row_kernel(const StridedView& a, int i, int w, int jl, double pivot, const double* window,
                      double* ri, double* ri2)
 {
-    switch (kernel_isa()) {
-    case Isa::kAvx512:
-        return avx512::ring_row(a, i, w, jl, pivot, window, ri, ri2);
-    case Isa::kAvx2:
-        return avx2::ring_row(a, i, w, jl, pivot, window, ri, ri2);
-    default:
-        return sse2::ring_row(a, i, w, jl, pivot, window, ri, ri2);
-    }
+    dispatch(avx512::ring_row, avx2::ring_row, sse2::ring_row, a, i, w, jl, pivot, window, ri, ri2);
 }
 
 } // namespace internal
