@@ -33,10 +33,10 @@ KEL_ISA_TARGET void ring_group(const StridedView& a, int i, int w, int jl, int t
     const int R = w + 1, tn = std::min(kChunks * L, jl - t0 + 1);
     // Every index into acc is a constant once the loops over chunks and lanes are unrolled, so
     // the sums stay in registers (a sum stored lane by lane and reloaded whole would stall).
-    RowMask kLane;
+    RowMask lane;
 #pragma GCC unroll 8
     for (int l = 0; l < L; ++l)
-        kLane[l] = l;
+        lane[l] = l;
     RowVec acc[kChunks];
 #pragma GCC unroll 8
     for (int c = 0; c < kChunks; ++c) {
@@ -65,7 +65,7 @@ KEL_ISA_TARGET void ring_group(const StridedView& a, int i, int w, int jl, int t
                 RowVec y;
                 std::memcpy(&y, x + c * L, sizeof y); // past the row: the ring's next slot
                 const RowVec z = acc[c] - y * f;
-                const RowMask take = kLane < left;
+                const RowMask take = lane < left;
                 RowMask bits, keep;
                 std::memcpy(&bits, &z, sizeof z);
                 std::memcpy(&keep, &acc[c], sizeof keep);
