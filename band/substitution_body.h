@@ -114,9 +114,9 @@ template <class Vec, int L> KEL_ISA_TARGET inline Vec gather(const StridedView& 
     return x;
 }
 
-// W right-hand sides together, L of them a vector. With a ring of (min(bw, n - 1) + 1) W
-// doubles the solved rows are kept row-major, slot i mod rows, so every term is one vector load
-// per L columns; without one (ring == nullptr) they are read back from b.
+// W right-hand sides together, L of them a vector. In a ring of (min(bw, n - 1) + 1) W doubles
+// the solved rows are kept row-major, slot i mod rows, so every term is one vector load per L
+// columns.
 template <bool Forward, int W>
 KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& diag_view, int n,
                                int bw, const StridedView& b_view, int off, int c0, double* ring)
@@ -131,14 +131,11 @@ KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& dia
     const int ahead = rows_ahead(bw);
     for (int i = P::first(n), si = i % rows; P::in(i, n);
          i = P::next(i), si = Forward ? up(si) : down(si)) {
-        double* const xi = ring ? ring + si * W : nullptr;
+        double* const xi = ring + si * W;
         const double d = diag(i, i);
         if (!P::solves(d)) {
-            for (int c = 0; c < W; ++c) {
-                if (ring)
-                    xi[c] = 0.0;
-                b(i + off, c0 + c) = 0.0;
-            }
+            for (int c = 0; c < W; ++c)
+                xi[c] = b(i + off, c0 + c) = 0.0;
             continue;
         }
         // Vectors built lane by lane in registers (a wide load of narrow stores would stall).
@@ -153,23 +150,17 @@ KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& dia
                 __builtin_prefetch(P::later(u, i, k, ahead));
             if (diag(k, k) >= 0.0) { // zero included, NaN excluded
                 const double f = P::coefficient(u, i, k);
-                if (ring) {
-                    const double* xk = ring + sk * W;
-                    for (int v = 0; v < V; ++v) {
-                        Vec x;
-                        std::memcpy(&x, xk + L * v, sizeof x);
-                        s[v] -= x * f;
-                    }
-                } else {
-                    for (int v = 0; v < V; ++v)
-                        s[v] -= gather<Vec, L>(b, k + off, c0 + L * v) * f;
+                const double* xk = ring + sk * W;
+                for (int v = 0; v < V; ++v) {
+                    Vec x;
+                    std::memcpy(&x, xk + L * v, sizeof x);
+                    s[v] -= x * f;
                 }
             }
         }
         for (int v = 0; v < V; ++v) {
             const Vec x = s[v] / d;
-            if (ring)
-                std::memcpy(xi + L * v, &x, sizeof x);
+            std::memcpy(xi + L * v, &x, sizeof x);
             for (int l = 0; l < L; ++l)
                 b(i + off, c0 + L * v + l) = x[l];
         }
@@ -288,10 +279,12 @@ KEL_ISA_TARGET void substitute(const StridedView& u, int n, int bw, const Stride
     const bool in_place = b.rs == 1 && b.cs >= static_cast<long long>(off) + n;
     auto run = [&](auto width) {
         constexpr int w = decltype(width)::value;
-        double* ring = rows * w <= kRingDoubles ? ring_doubles : nullptr;
+        const bool ring = rows * w <= kRingDoubles;
+        if (!ring && !in_place) // left to the narrower blocks or the one-column walk
+            return;
         for (; c_end - c >= w; c += w)
-            if (ring || !in_place)
-                walk_block<Forward, w>(u, diag, n, bw, b, off, c, ring);
+            if (ring)
+                walk_block<Forward, w>(u, diag, n, bw, b, off, c, ring_doubles);
             else
                 walk_block_tiled<Forward, w>(u, diag, n, bw, b, off, c);
     };
