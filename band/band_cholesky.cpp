@@ -17,6 +17,8 @@
 #include "band/direct_kernels.h"
 #include "checks/checks.h"
 #include "kelmatrix/band.h"
+#include "parallel/team.h"
+#include "parallel/thresholds.h"
 
 namespace kelmatrix {
 namespace internal {
@@ -122,9 +124,16 @@ void Cholesky_subst(KelGenericMatrix& A, int bandWidth, KelMatrix& B)
     const int bw = std::min(resolve_band_width(A, bandWidth), n);
     StridedView u, b;
     if (direct_substitution(A, bw, B, 0, nrhs, u, b)) {
-        // The columns share no storage with each other or with A: each pass may take them all.
-        forward_kernel(u, n, bw, b, 0, 0, nrhs);
-        backward_kernel(u, n, bw, b, 0, 0, nrhs);
+        // The columns share no storage with each other or with A: each pass may take them all,
+        // and the threads of a team take a run of them each, through both passes.
+        const double terms = static_cast<double>(n) * (std::min(bw, n - 1) + 1) * nrhs;
+        run_team(team_size(terms, kSubstitutionGrain), [&](int t, int parts) {
+            const std::pair<int, int> c = share(nrhs, t, parts, kColumnUnit);
+            if (c.first < c.second) {
+                forward_kernel(u, n, bw, b, 0, c.first, c.second);
+                backward_kernel(u, n, bw, b, 0, c.first, c.second);
+            }
+        });
         return;
     }
     for (int c = 0; c < nrhs; ++c) { // each column completed, forward then backward, in turn

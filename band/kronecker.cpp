@@ -17,7 +17,8 @@
 // accessor, so U1 and U2 may be dense, band or user storage; when direct_kronecker allows it,
 // the same recurrence runs on strided views with the inner substitution kernel. The block
 // transpositions work on the temporaries' arrays tile by tile. All temporaries are local
-// matrices released on every path.
+// matrices released on every path. On the direct route the columns of X may be shared out to
+// the native threads (parallel/team.h), each with its own ring: the bits stay the same.
 #include <algorithm>
 
 #include "band/band_substitution.h"
@@ -26,6 +27,8 @@
 #include "checks/checks.h"
 #include "kelmatrix/band.h"
 #include "kelmatrix/dense.h"
+#include "parallel/team.h"
+#include "parallel/thresholds.h"
 
 using namespace kelmatrix::internal;
 
@@ -201,11 +204,32 @@ void substitute(int w1, int w2, KelGenericMatrix& U1, KelGenericMatrix& U2, KelM
     };
     StridedView u1, u2, x;
     if (direct_kronecker(U1, w1, U2, w2, X, u1, u2, x)) {
-        run(u1, x, [&](int off, int c) {
+        // The columns are independent: a run of them per thread, each thread with a ring of its
+        // own (whole cache lines apart) and a view of X from its first column on.
+        const double terms =
+            static_cast<double>(p) * q * (std::min(w1, p - 1) + std::min(w2, q - 1) + 2.0) * ncols;
+        const int threads = team_size(terms, kKroneckerGrain);
+        const long long stride = (static_cast<long long>(w1 + 1) * q + 7) / 8 * 8;
+        KelMatrix rings;
+        if (threads > 1)
+            rings.Dimension(static_cast<int>(stride), threads, -1, -1);
+        run_team(threads, [&](int t, int parts) {
+            const std::pair<int, int> c = share(ncols, t, parts);
+            if (c.first >= c.second)
+                return;
+            double* const own = parts > 1 ? rings.GetElements() + t * stride : ring;
+            StridedView xt = x;
+            xt.p += c.first * x.cs;
+            const auto inner = [&](int off, int col) {
+                if (Lower)
+                    forward_kernel(u2, q, w2, xt, off, col, col + 1);
+                else
+                    backward_kernel(u2, q, w2, xt, off, col, col + 1);
+            };
             if (Lower)
-                forward_kernel(u2, q, w2, x, off, c, c + 1);
+                lower_substitute(p, q, w1, u1, xt, c.second - c.first, own, inner);
             else
-                backward_kernel(u2, q, w2, x, off, c, c + 1);
+                upper_substitute(p, q, w1, u1, xt, c.second - c.first, own, inner);
         });
         return;
     }

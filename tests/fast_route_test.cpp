@@ -2,7 +2,8 @@
 // The direct-addressing routes of the native solvers against the generic accessor route, bit for
 // bit: the same input once as a KelMatrix / KelMatrixBanded and once behind a storage type the
 // library cannot address directly. Every check runs once per instruction set the machine has,
-// forced through the library's internal switch (this test links a static build to reach it).
+// forced through the library's internal switch (this test links a static build to reach it),
+// and once per count of native threads from 1 to 4.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,10 +13,13 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "band/kernel_isa.h"
 #include "kelmatrix/band.h"
+#include "kelmatrix/threads.h"
+#include "parallel/team.h"
 #include "test_util.h"
 
 namespace {
@@ -160,28 +164,39 @@ void routes_agree(Storage s, int n, int bw, std::initializer_list<int> rhs, bool
 
 using kelmatrix::internal::Isa;
 
-// The fast-route checks, once per instruction set: a set the machine lacks is skipped.
-class FastRoute : public testing::TestWithParam<Isa> {
+// The fast-route checks, once per instruction set and per count of native threads: a set the
+// machine lacks is skipped. The generic route always runs serially, so matching it with 1, 2, 3
+// and 4 threads (oversubscribed on a small machine) shows the bits do not depend on the count.
+// The thresholds are ignored so that the small cases here run the parallel paths too.
+class FastRoute : public testing::TestWithParam<std::tuple<Isa, int>> {
 protected:
     void SetUp() override
     {
-        if (static_cast<int>(GetParam()) > static_cast<int>(kelmatrix::internal::best_isa()))
+        const Isa isa = std::get<0>(GetParam());
+        if (static_cast<int>(isa) > static_cast<int>(kelmatrix::internal::best_isa()))
             GTEST_SKIP() << "instruction set not on this machine";
-        ASSERT_EQ(kelmatrix::internal::force_kernel_isa(GetParam()), GetParam());
+        ASSERT_EQ(kelmatrix::internal::force_kernel_isa(isa), isa);
+        ASSERT_EQ(kelmatrix_set_native_threads(std::get<1>(GetParam())), KEL_THREADS_OK);
+        kelmatrix::internal::ignore_team_thresholds(true);
     }
     void TearDown() override
     {
         kelmatrix::internal::force_kernel_isa(kelmatrix::internal::best_isa());
+        kelmatrix_set_native_threads(1);
+        kelmatrix::internal::ignore_team_thresholds(false);
     }
 };
 
-std::string isa_name(const testing::TestParamInfo<Isa>& info)
+std::string isa_name(const testing::TestParamInfo<std::tuple<Isa, int>>& info)
 {
     const char* names[] = {"Sse2", "Avx2", "Avx512"};
-    return names[static_cast<int>(info.param)];
+    return std::string(names[static_cast<int>(std::get<0>(info.param))]) + "_" +
+           std::to_string(std::get<1>(info.param)) + "threads";
 }
 
-INSTANTIATE_TEST_SUITE_P(Isa, FastRoute, testing::Values(Isa::kSse2, Isa::kAvx2, Isa::kAvx512),
+INSTANTIATE_TEST_SUITE_P(Isa, FastRoute,
+                         testing::Combine(testing::Values(Isa::kSse2, Isa::kAvx2, Isa::kAvx512),
+                                          testing::Values(1, 2, 3, 4)),
                          isa_name);
 
 TEST_P(FastRoute, BandCholeskyMatchesTheGenericRoute)
