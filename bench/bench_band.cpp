@@ -19,6 +19,8 @@
 #include "examples/bordered_matrix.h"
 #include "matrix/mkl_bindings.h"
 
+#include <mkl_trans.h>
+
 // ---- counted allocation ----
 namespace {
 
@@ -84,6 +86,39 @@ void fill_spd_band(KelGenericMatrix& A, int n, int bw, unsigned seed)
         }
     for (int i = 0; i < n; ++i)
         A(i, i) = rowsum[i];
+}
+
+// Bytes per second a read of a 512 MiB array reaches with the pass's thread count (the best of
+// three), measured once per process: the memory floor of a substitution.
+double machine_bandwidth()
+{
+    static const double bw = [] {
+        const long long count = kb::options().smoke ? (1 << 16) : (64ll << 20);
+        std::vector<double> a(static_cast<std::size_t>(count), 1.0);
+        double best = 0.0;
+        for (int run = 0; run < 3; ++run) {
+            double sum = 0.0;
+            const double t = kb::seconds([&] {
+#pragma omp parallel for reduction(+ : sum) num_threads(kb::options().threads)
+                for (long long k = 0; k < count; ++k)
+                    sum += a[static_cast<std::size_t>(k)];
+            });
+            benchmark::DoNotOptimize(sum);
+            best = std::max(best, sizeof(double) * count / t);
+        }
+        return best;
+    }();
+    return bw;
+}
+
+void report_bandwidth(benchmark::State& state, double bytes)
+{
+    const double l = state.counters["lib_ms"] * 1e-3;
+    if (l <= 0.0)
+        return;
+    state.counters["lib_GBps"] = bytes / l * 1e-9;
+    state.counters["mem_GBps"] = machine_bandwidth() * 1e-9;
+    state.counters["mem_share"] = bytes / l / machine_bandwidth();
 }
 
 // ---- band Cholesky vs dpbtrf / dpbtrs ----
@@ -180,6 +215,9 @@ void band_subst(benchmark::State& state, int n, int bw, int nrhs)
                 4.0 * n * bw * nrhs);
     if (info != 0)
         state.SkipWithError("dpbtrs failed");
+    // Memory traffic of the two passes: the band read once each, the right-hand sides read and
+    // written once each; against the machine's read bandwidth at this thread count.
+    report_bandwidth(state, 2.0 * sizeof(double) * n * ((bw + 1.0) + 2.0 * nrhs));
     if (nrhs == 1) {
         // Each unknown subtracts its bw terms in a fixed order, the first from the unknown just
         // solved: one dependent chain through the whole pass, n (mul + bw sub + div) long (the
@@ -236,6 +274,7 @@ void dense_subst(benchmark::State& state, int n, int nrhs)
         {[&] { kb::restore(RB, b0); },
          [&] { dpotrs(&kUpper, &n, &nrhs, R.GetElements(), &n, RB.GetElements(), &n, &info, 1); }},
         2.0 * n * n * nrhs);
+    report_bandwidth(state, 2.0 * sizeof(double) * n * (0.5 * n + 2.0 * nrhs));
 }
 
 // ---- cyclic routines on KelMatrixBordered vs a user-written subclass and the plain band solve
@@ -456,6 +495,54 @@ void kronecker(benchmark::State& state, int n, int kd, int groups, bool copy)
         state.SkipWithError("solve failed");
 }
 
+// kronecker_lower_substitute then kronecker_upper_substitute with the factors of A (U1, order p)
+// and B (U2, order q) on X of p q rows and `groups` columns, against the same two substitutions
+// by LAPACK in the same data layout (dpbtrs with B over the p groups of q rows of every column,
+// dpbtrs with A over the q interleaved rows: as in Solve_Kronecker, a transposition between).
+void kronecker_subst(benchmark::State& state, int n, int kd, int groups)
+{
+    KronData d(n, kd, groups);
+    Cholesky_factor(d.A, kd, kTol);
+    Cholesky_factor(d.B, kd, kTol);
+    KelMatrixBanded RA, RB;
+    RA.Dimension(n, n, 0, kd);
+    RB.Dimension(n, n, 0, kd);
+    kb::restore(RA, kb::storage_of(d.A)); // the same factors: LAPACK's upper band storage
+    kb::restore(RB, kb::storage_of(d.B));
+    const long long rows = static_cast<long long>(n) * n;
+    std::vector<double> x0(static_cast<std::size_t>(rows * groups));
+    std::mt19937_64 rng(13);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    for (double& v : x0)
+        v = u(rng);
+    KelMatrix X, R1, R2;
+    X.Dimension(static_cast<int>(rows), groups, -1, -1);
+    R1.Dimension(n, n * groups, -1, -1);
+    R2.Dimension(n, n * groups, -1, -1);
+    int info = 0;
+    const int ldab = kd + 1, nrhs = n * groups;
+    kb::compare(state,
+                {[&] { kb::restore(X, x0); },
+                 [&] {
+                     kronecker_lower_substitute(kd, kd, d.A, d.B, X);
+                     kronecker_upper_substitute(kd, kd, d.A, d.B, X);
+                 }},
+                {[&] { kb::restore(R1, x0); },
+                 [&] {
+                     dpbtrs(&kUpper, &n, &kd, &nrhs, RB.GetElements(), &ldab, R1.GetElements(),
+                            &n, &info, 1);
+                     for (int g = 0; g < groups; ++g) // the groups' n x n blocks, transposed
+                         mkl_domatcopy('C', 'T', n, n, 1.0, R1.GetElements() + 1ll * g * n * n, n,
+                                       R2.GetElements() + 1ll * g * n * n, n);
+                     dpbtrs(&kUpper, &n, &kd, &nrhs, RA.GetElements(), &ldab, R2.GetElements(),
+                            &n, &info, 1);
+                 }},
+                4.0 * rows * (2.0 * kd + 1.0) * groups);
+    report_bandwidth(state, 2.0 * sizeof(double) * rows * groups * 2.0);
+    if (info != 0)
+        state.SkipWithError("dpbtrs failed");
+}
+
 // Solve_Kronecker vs the sparse solver on A kron B assembled (upper triangle, 1-based CSR).
 void kronecker_vs_assembled(benchmark::State& state, int n, int kd)
 {
@@ -552,6 +639,18 @@ void register_cases()
                 "Kronecker/n:" + std::to_string(n_kron) + "/kd:3/groups:" + std::to_string(groups) +
                     "/copy:" + std::to_string(copy),
                 [=](benchmark::State& s) { kronecker(s, n_kron, 3, groups, copy); }, 7);
+    kb::add(
+        "KroneckerSubst/n:" + std::to_string(n_kron) + "/kd:3/groups:8",
+        [=](benchmark::State& s) { kronecker_subst(s, n_kron, 3, 8); }, 7);
+    // Where a team starts to pay: 16 right-hand sides of a narrow band, and a 12-point spline's
+    // solve (one column, bw 1), which never takes one.
+    for (int n : {kb::size(500, 100), kb::size(2000, 200), kb::size(8000, 400)})
+        kb::add(
+            "Threshold/BandSubst/n:" + std::to_string(n) + "/bw:4/nrhs:16",
+            [=](benchmark::State& s) { band_subst(s, n, 4, 16); }, 41);
+    kb::add(
+        "Threshold/BandSubst/n:12/bw:1/nrhs:1", [](benchmark::State& s) { band_subst(s, 12, 1, 1); },
+        41);
     kb::add(
         "KroneckerVsAssembled/n:" + std::to_string(n_kron) + "/kd:3",
         [=](benchmark::State& s) { kronecker_vs_assembled(s, n_kron, 3); }, 1);

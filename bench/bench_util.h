@@ -6,9 +6,20 @@
 // timed region. The reported counters are the medians of the library's and the reference's
 // times over all iterations (>= 5 unless stated), their ratio, and the smallest and largest
 // per-iteration ratio; Google Benchmark's own time column is the library's time. Command line:
-// --threads=N fixes MKL's and the sparse solver's thread count (recorded in the context and in
-// every case), --smoke shrinks every size and runs one iteration, for CI; everything else goes to
+// --threads=N fixes MKL's and the sparse solver's thread count and lets the library's native
+// routines use as many (kelmatrix_set_native_threads; recorded in the context and in every
+// case), --smoke shrinks every size and runs one iteration, for CI; everything else goes to
 // Google Benchmark.
+//
+// Fair turns: an OpenMP runtime keeps the threads of a finished parallel region spinning for a
+// while (libgomp's default spin before it sleeps: measured 5.6 ms here, longer where a pause
+// instruction is slower). Whatever ran a region just before a timed call (MKL in the reference,
+// the library's own team) would leave those spinning threads on the cores the next call wants,
+// which made the serial routines up to 39% slower in the 2-thread pass. So every timed call
+// starts after a settle pause longer than that spin (settle_seconds(), measured at start-up).
+// Noise: each case also times a fixed serial control workload (a dependent chain) after every
+// pair; control_ms is its median. The same control in the 1-thread and the 2-thread pass should
+// take the same time: their difference is the pass's noise (scripts/bench_summary.py).
 #ifndef KELMATRIX_BENCH_UTIL_H
 #define KELMATRIX_BENCH_UTIL_H
 
@@ -21,7 +32,10 @@
 #include <functional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include <time.h>
 
 #include "kelmatrix/kelmatrix.h"
 
@@ -108,10 +122,68 @@ struct Pairs {
     }
 };
 
+/// Seconds the OpenMP runtime's idle threads keep spinning after a parallel region, doubled,
+/// plus 1 ms:
+/// the process's CPU time over wall-clock slices of 1 ms after a region of `threads`, until a
+/// slice adds less than 5% of it (at most 200 ms).
+inline double measure_settle(int threads)
+{
+    const auto cpu = [] {
+        timespec t;
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+        return t.tv_sec + 1e-9 * t.tv_nsec;
+    };
+    volatile int sink = 0;
+#pragma omp parallel num_threads(threads)
+    sink = sink + 1;
+    const auto t0 = std::chrono::steady_clock::now();
+    double spun = 0.0;
+    for (int ms = 0; ms < 200; ++ms) {
+        const double c0 = cpu();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (cpu() - c0 < 0.05e-3)
+            break;
+        spun = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    }
+    return 2.0 * spun + 1e-3;
+}
+
+inline double& settle_seconds()
+{
+    static double s = 0.0;
+    return s;
+}
+
+/// Waits until the threads of any finished region have gone to sleep.
+inline void settle()
+{
+    if (settle_seconds() > 0.0 && !options().smoke)
+        std::this_thread::sleep_for(std::chrono::duration<double>(settle_seconds()));
+}
+
+/// The serial control workload: a dependent chain of about 2 ms, the same in every pass.
+inline double control_once()
+{
+    static volatile double operand = 1.0000001;
+    const long n = options().smoke ? 1000 : 2000000;
+    settle();
+    double result = 0.0;
+    const double t = seconds([&] {
+        const double y = operand;
+        double x = 1.0;
+        for (long k = 0; k < n; ++k)
+            x -= y;
+        result = x;
+    });
+    benchmark::DoNotOptimize(result);
+    return t;
+}
+
 inline double timed_once(Timed& t)
 {
     if (t.setup)
         t.setup();
+    settle();
     return seconds(t.run);
 }
 
@@ -133,6 +205,7 @@ inline void compare(benchmark::State& state, Timed lib, Timed ref, double flops 
             timed_once(e.timed);
     }
     Pairs p;
+    std::vector<double> control;
     std::vector<std::vector<double>> more(extras.size());
     bool lib_first = true;
     for (auto _ : state) {
@@ -147,11 +220,13 @@ inline void compare(benchmark::State& state, Timed lib, Timed ref, double flops 
         lib_first = !lib_first;
         for (std::size_t k = 0; k < extras.size(); ++k)
             more[k].push_back(timed_once(extras[k].timed));
+        control.push_back(control_once());
         p.lib.push_back(l);
         p.ref.push_back(r);
         state.SetIterationTime(l);
     }
     p.report(state, "", flops);
+    state.counters["control_ms"] = median(control) * 1e3;
     for (std::size_t k = 0; k < extras.size(); ++k)
         state.counters[extras[k].name + "_ms"] = median(more[k]) * 1e3;
 }
@@ -179,9 +254,15 @@ inline int run_main(int argc, char** argv, void (*register_cases)())
             argv[out++] = argv[i];
     }
     argc = out;
-    // Sets MKL's global thread count (and the sparse solver's) before anything runs.
+    // Sets MKL's global thread count (and the sparse solver's) before anything runs, and lets
+    // the native routines use as many.
     LSMsolver::establish_numthreads(options().threads);
+    kelmatrix_set_native_threads(options().threads);
+    // The same pause in every pass (measured on 2 threads even in the 1-thread pass), so that
+    // whatever it does to the caches and the cores' idle states, both passes see it alike.
+    settle_seconds() = measure_settle(std::max(2, options().threads));
     benchmark::AddCustomContext("threads", std::to_string(options().threads));
+    benchmark::AddCustomContext("settle_ms", std::to_string(settle_seconds() * 1e3));
     benchmark::AddCustomContext("mode", options().smoke ? "smoke" : "full");
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))

@@ -50,7 +50,7 @@ target_link_libraries(kelmatrix_mpi
   PUBLIC kelmatrix MPI::MPI_CXX
   PRIVATE MKL::MKL $<BUILD_INTERFACE:kelmatrix_warnings>
           "-Wl,--push-state,--no-as-needed" ${MKL_BLACS_LIBRARY} "-Wl,--pop-state")
-target_link_options(kelmatrix_mpi PRIVATE -Wl,--no-undefined)
+target_link_options(kelmatrix_mpi PRIVATE ${KELMATRIX_NO_UNDEFINED})
 # Installed beside libkelmatrix, it finds it there ($ORIGIN) whatever the prefix: an executable's
 # run path does not reach a library's own dependencies.
 set_target_properties(kelmatrix_mpi PROPERTIES

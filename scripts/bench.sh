@@ -5,7 +5,11 @@
 #   scripts/bench.sh            the full run (about 15 minutes on 2 cores; with MPI, bench_mpi's
 #                               60^3 grid on 1 and 2 ranks adds 5 to 15 minutes)
 #   scripts/bench.sh --smoke    every case once on small sizes (CI: builds and runs, times nothing)
-# Results also go to build/<preset>/results/<executable>-<threads>t.json. KELMATRIX_BENCH_PRESET
+# Results also go to build/<preset>/results/<executable>-<threads>t.json, and the full run ends
+# with scripts/bench_summary.py: both passes side by side, the speedups from the second thread
+# (the library's native threads are on in the 2-thread pass), the bandwidths and the noise of a
+# serial control run. KELMATRIX_BENCH_FILTER (a Google Benchmark regex) limits bench_band and
+# bench_dense to some cases, and skips bench_sparse and bench_mpi. KELMATRIX_BENCH_PRESET
 # names another configure preset that builds the benchmarks (CI: werror, already built).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -41,19 +45,25 @@ run() { # executable threads [extra Google Benchmark flags...]
 }
 
 start=$(date +%s)
+filter="${KELMATRIX_BENCH_FILTER:-}"
 for threads in 1 2; do
-    if [ "$threads" = 1 ]; then
-        run bench_band 1 # includes the sparse solver on the assembled Kronecker product, once
+    if [ -n "$filter" ]; then
+        run bench_band "$threads" --benchmark_filter="$filter"
+        run bench_dense "$threads" --benchmark_filter="$filter"
     else
-        run bench_band "$threads" --benchmark_filter=-KroneckerVsAssembled
+        if [ "$threads" = 1 ]; then
+            run bench_band 1 # includes the sparse solver on the assembled Kronecker product, once
+        else
+            run bench_band "$threads" --benchmark_filter=-KroneckerVsAssembled
+        fi
+        run bench_dense "$threads"
+        run bench_sparse "$threads"
     fi
-    run bench_dense "$threads"
-    run bench_sparse "$threads"
 done
 # The distributed solver on 1 and then 2 ranks of one thread each (against LSMsolver on one
 # process with as many threads), under mpirun with Open MPI's switches for root and 2 cores. The
 # smoke pass (a 12^3 grid, well under a second) is bounded so that a rank left waiting fails it.
-if [[ " ${targets[*]} " == *" bench_mpi "* ]]; then
+if [[ " ${targets[*]} " == *" bench_mpi "* ]] && [ -z "$filter" ]; then
     for ranks in 1 2; do
         echo "== bench_mpi, $ranks rank(s) x 1 thread"
         if [ "$mode" = "--smoke" ]; then
@@ -66,4 +76,7 @@ if [[ " ${targets[*]} " == *" bench_mpi "* ]]; then
     done
 fi
 uptime
+if [ "$mode" != "--smoke" ]; then
+    python3 scripts/bench_summary.py "$out"
+fi
 echo "bench: done in $(( $(date +%s) - start )) s"

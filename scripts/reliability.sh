@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Reliability passes beyond the Release and ASan+UBSan test runs:
 #   campaign  the residual campaign's long mode (120,000 cases) with a fresh random seed, printed
-#   tsan      ThreadSanitizer build (MKL's sequential layer) running the concurrency test
+#   tsan      ThreadSanitizer build (clang, libomp + Archer, MKL's sequential layer): the
+#             concurrency test and the native threads' parallel paths on 2 to 4 threads
 #   valgrind  memcheck over every test executable built on MKL's sequential layer
 #   fuzz      every libFuzzer harness (clang, ASan+UBSan) for a bounded time, two at a time
 #   scripts/reliability.sh [campaign] [tsan] [valgrind] [fuzz]     (no argument: all four)
@@ -25,10 +26,21 @@ campaign() {
         build/release/tests/campaign_test --gtest_brief=1
 }
 
+# clang's build on LLVM's OpenMP runtime with its Archer tool, so that ThreadSanitizer follows the
+# native threads' teams (libgomp is not instrumented). The concurrency test runs the library from
+# eight program threads; the route tests with 2, 3 and 4 native threads (the thresholds ignored)
+# and the threads test (teams checked to run on distinct threads, calls from a user's OpenMP
+# region and from program threads) run the parallel paths.
 tsan() {
     cmake --preset tsan >/dev/null
-    cmake --build --preset tsan -j "$jobs" --target concurrency_test
-    TSAN_OPTIONS="halt_on_error=1 abort_on_error=1" build/tsan/tests/concurrency_test
+    cmake --build --preset tsan -j "$jobs" --target concurrency_test fast_route_test threads_test
+    local archer
+    archer="$(grep -m1 '^KELMATRIX_ARCHER:' build/tsan/CMakeCache.txt | cut -d= -f2)"
+    export OMP_TOOL_LIBRARIES="$archer"
+    export TSAN_OPTIONS="halt_on_error=1 abort_on_error=1 ignore_noninstrumented_modules=1"
+    build/tsan/tests/concurrency_test
+    build/tsan/tests/threads_test
+    build/tsan/tests/fast_route_test --gtest_filter='*threads:-*_1threads'
 }
 
 # Too long under valgrind, and covered by both test passes: ten repeated factorizations of a
