@@ -529,13 +529,13 @@ void kronecker_subst(benchmark::State& state, int n, int kd, int groups)
                  }},
                 {[&] { kb::restore(R1, x0); },
                  [&] {
-                     dpbtrs(&kUpper, &n, &kd, &nrhs, RB.GetElements(), &ldab, R1.GetElements(),
-                            &n, &info, 1);
+                     dpbtrs(&kUpper, &n, &kd, &nrhs, RB.GetElements(), &ldab, R1.GetElements(), &n,
+                            &info, 1);
                      for (int g = 0; g < groups; ++g) // the groups' n x n blocks, transposed
                          mkl_domatcopy('C', 'T', n, n, 1.0, R1.GetElements() + 1ll * g * n * n, n,
                                        R2.GetElements() + 1ll * g * n * n, n);
-                     dpbtrs(&kUpper, &n, &kd, &nrhs, RA.GetElements(), &ldab, R2.GetElements(),
-                            &n, &info, 1);
+                     dpbtrs(&kUpper, &n, &kd, &nrhs, RA.GetElements(), &ldab, R2.GetElements(), &n,
+                            &info, 1);
                  }},
                 4.0 * rows * (2.0 * kd + 1.0) * groups);
     report_bandwidth(state, 2.0 * sizeof(double) * rows * groups * 2.0);
@@ -649,8 +649,8 @@ void register_cases()
             "Threshold/BandSubst/n:" + std::to_string(n) + "/bw:4/nrhs:16",
             [=](benchmark::State& s) { band_subst(s, n, 4, 16); }, 41);
     kb::add(
-        "Threshold/BandSubst/n:12/bw:1/nrhs:1", [](benchmark::State& s) { band_subst(s, 12, 1, 1); },
-        41);
+        "Threshold/BandSubst/n:12/bw:1/nrhs:1",
+        [](benchmark::State& s) { band_subst(s, 12, 1, 1); }, 41);
     kb::add(
         "KroneckerVsAssembled/n:" + std::to_string(n_kron) + "/kd:3",
         [=](benchmark::State& s) { kronecker_vs_assembled(s, n_kron, 3); }, 1);

@@ -130,8 +130,8 @@ TEST_F(Threads, SharesAreContiguousCoverEveryItemAndKeepRunsOfTheUnit)
 
 // Factor and solve a random SPD band system of order n and width bw with nrhs right-hand sides;
 // the solution's storage.
-std::vector<double> band_solution(int n, int bw, int nrhs, unsigned seed, kt::Dense* a_out = nullptr,
-                                  kt::Dense* b_out = nullptr)
+std::vector<double> band_solution(int n, int bw, int nrhs, unsigned seed,
+                                  kt::Dense* a_out = nullptr, kt::Dense* b_out = nullptr)
 {
     std::mt19937_64 rng(seed);
     const kt::Dense a = kt::random_spd(rng, n, bw), b = kt::random_dense(rng, n, nrhs);
