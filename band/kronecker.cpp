@@ -20,10 +20,11 @@
 // matrices released on every path.
 #include <algorithm>
 
+#include "band/band_checks.h"
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
+#include "band/kronecker_widths.h"
 #include "band/simd_pair.h"
-#include "checks/checks.h"
 #include "kelmatrix/band.h"
 #include "kelmatrix/dense.h"
 
@@ -223,22 +224,15 @@ void kronecker_lower_substitute(int w1, int w2, KelGenericMatrix& U1, KelGeneric
                                 KelMatrix& X)
 {
     KELMATRIX_CHECK(kronecker_substitution("kronecker_lower_substitute", false, w1, w2, U1, U2, X));
-    const int p = U1.GetRowDim(), q = U2.GetRowDim();
-    if (w1 <= 0)
-        w1 = p;
-    if (w2 <= 0)
-        w2 = q;
-    substitute<true>(w1, w2, U1, U2, X);
+    const KroneckerWidths w = kronecker_widths(false, w1, w2, U1.GetRowDim(), U2.GetRowDim());
+    substitute<true>(w.w1, w.w2, U1, U2, X);
 }
 
 void kronecker_upper_substitute(int w1, int w2, KelGenericMatrix& U1, KelGenericMatrix& U2,
                                 KelMatrix& X)
 {
     KELMATRIX_CHECK(kronecker_substitution("kronecker_upper_substitute", true, w1, w2, U1, U2, X));
-    const int p = U1.GetRowDim();
-    if (w1 <= 0)
-        w1 = p;
-    if (w2 <= 0)
-        w2 = p; // Deliberate: U1's order, not U2's as in the lower; positive widths never see it
-    substitute<false>(w1, w2, U1, U2, X);
+    // Deliberate: w2 <= 0 resolves to U1's order here, to U2's in the lower substitution.
+    const KroneckerWidths w = kronecker_widths(true, w1, w2, U1.GetRowDim(), U2.GetRowDim());
+    substitute<false>(w.w1, w.w2, U1, U2, X);
 }

@@ -15,3 +15,6 @@ set(KELMATRIX_BAND_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/tiled_factor.cpp
   ${CMAKE_CURRENT_LIST_DIR}/tiled_factor_avx2.cpp
   ${CMAKE_CURRENT_LIST_DIR}/tiled_factor_avx512.cpp)
+# The checks of the native band solvers: compiled into the checked variants only (kelmatrix_add_checks).
+set(KELMATRIX_BAND_CHECK_SOURCES
+  ${CMAKE_CURRENT_LIST_DIR}/band_checks.cpp)
