@@ -24,13 +24,15 @@
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
 #include "band/kronecker_widths.h"
-#include "band/simd_pair.h"
+#include "band/simd.h"
 #include "kelmatrix/band.h"
 #include "kelmatrix/dense.h"
 
 using namespace kelmatrix::internal;
 
 namespace {
+
+using Pair = simd::Vec<2>;
 
 // dst(j, i) = src(i, j) for i < rows, j < cols (column-major, leading dimensions lds and ldd),
 // in square tiles so that both sides stay in cache; inside a tile two rows of src at a time
@@ -46,10 +48,11 @@ void transpose(const double* src, long long lds, double* dst, long long ldd, int
             for (; i + 1 < i1; i += 2) {
                 int j = j0;
                 for (; j + 1 < j1; j += 2) {
-                    const Pair a = load_pair(src + i + j * lds);       // src(i, j), src(i+1, j)
-                    const Pair b = load_pair(src + i + (j + 1) * lds); // src(i, j+1), src(i+1, j+1)
-                    store_pair(dst + j + i * ldd, Pair{a[0], b[0]});
-                    store_pair(dst + j + (i + 1) * ldd, Pair{a[1], b[1]});
+                    const Pair a = simd::load<Pair>(src + i + j * lds); // src(i, j), src(i+1, j)
+                    const Pair b =
+                        simd::load<Pair>(src + i + (j + 1) * lds); // src(i, j+1), src(i+1, j+1)
+                    simd::store(dst + j + i * ldd, Pair{a[0], b[0]});
+                    simd::store(dst + j + (i + 1) * ldd, Pair{a[1], b[1]});
                 }
                 if (j < j1) {
                     dst[j + i * ldd] = src[i + j * lds];
