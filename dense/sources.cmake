@@ -5,3 +5,7 @@ set(KELMATRIX_DENSE_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/cholesky.cpp
   ${CMAKE_CURRENT_LIST_DIR}/least_squares.cpp
   ${CMAKE_CURRENT_LIST_DIR}/symmetric_eigen.cpp)
+# The checks of the dense wrappers: compiled into the checked variants only
+# (kelmatrix_add_checks).
+set(KELMATRIX_DENSE_CHECK_SOURCES
+  ${CMAKE_CURRENT_LIST_DIR}/dense_checks.cpp)

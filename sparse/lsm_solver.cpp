@@ -18,11 +18,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "checks/checks.h"
 #include "kelmatrix/sparse.h"
 #include "matrix/mkl_bindings.h"
 #include "sparse/pardiso_controls.h"
 #include "sparse/solver_cycle.h"
+#include "sparse/sparse_checks.h"
 #include "sparse/thread_policy.h"
 
 using namespace kelmatrix::internal;

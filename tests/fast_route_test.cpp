@@ -16,7 +16,7 @@
 #include <tuple>
 #include <vector>
 
-#include "band/kernel_isa.h"
+#include "band/kernel_table.h"
 #include "kelmatrix/band.h"
 #include "kelmatrix/threads.h"
 #include "parallel/team.h"
