@@ -12,6 +12,8 @@
 #ifndef KELMATRIX_PARALLEL_TEAM_H
 #define KELMATRIX_PARALLEL_TEAM_H
 
+#include <atomic>
+#include <thread>
 #include <utility>
 
 namespace kelmatrix {
@@ -39,6 +41,15 @@ template <class F> void run_team(int threads, F&& body)
     run_team_raw(
         threads, [](void* c, int t, int parts) { (*static_cast<F*>(c))(t, parts); },
         static_cast<void*>(&body));
+}
+
+/// Waits until count >= value (acquire: what was written before the matching release is seen),
+/// spinning briefly, then yielding the core (teams may be larger than the machine).
+inline void wait_at_least(const std::atomic<int>& count, int value)
+{
+    for (int spins = 0; count.load(std::memory_order_acquire) < value; ++spins)
+        if (spins >= 64)
+            std::this_thread::yield();
 }
 
 /// Share `part` of `parts` of the items 0 .. count - 1 in contiguous runs: [first, second).

@@ -21,6 +21,11 @@ constexpr double kKroneckerGrain = 1 << 17;
 /// nb per product of the Schur complement's upper triangle.
 constexpr double kBorderGrain = 1 << 17;
 
+/// The wide-band factorization (widths above the ring kernel's): terms n bw^2 (twice the
+/// products); up to kMaxTeamWidth, so that the threads' spread stays inside its flags' ring.
+constexpr double kFactorGrain = 1 << 22;
+constexpr int kMaxTeamWidth = 8192;
+
 } // namespace internal
 } // namespace kelmatrix
 
