@@ -27,6 +27,14 @@ inline int tiled_factor_kernel(const StridedView& a, int n, double tol)
 {
     return active_kernels->tiled_factor(a, n, tol);
 }
+/// One step of tiled_factor_kernel (tiled_factor_body.h's tiled_step): tile `tile` of the
+/// block of rows from i0 (0 the leading one; returns its kept pivots), or with -1 the leading
+/// tile's results loaded from A into s.
+inline int tiled_step_kernel(const StridedView& a, int n, double tol, int i0, int tile,
+                             TiledScratch& s)
+{
+    return active_kernels->tiled_step(a, n, tol, i0, tile, s);
+}
 /// The wide-band factor's update of columns j0 .. j0 + columns - 1 (8 or 16) of row i
 /// (column_block_body.h): s[jj] -= U(k, j0 + jj) U(k, i) for k = k .. k_end - 1 ascending with
 /// positive[k & mask] (0 or 1); col[jj] points at U(0, j0 + jj), ci at U(0, i), each column

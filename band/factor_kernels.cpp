@@ -300,6 +300,43 @@ int factor_columns_team(const StridedView& a, int n, int bw, double tol, int thr
     return total.load();
 }
 
+// The tiled factorization on a team. The tiles of a block of rows depend only on the rows above
+// it and on the block's leading tile, so they go to the threads side by side (tile m to thread
+// m mod parts), with one barrier per block of rows. Look-ahead: the next block's leading tile
+// needs only this block's first two tiles, so the thread of tile 1 forms it right after that
+// tile, while the others still form theirs. Every thread then loads the leading tile's results
+// (its pivots among them) from A after the barrier, once they are final.
+int tiled_factor_team(const StridedView& a, int n, double tol, int threads)
+{
+    constexpr int kNb = TiledScratch::kNb, kNc = TiledScratch::kNc;
+    std::atomic<int> total{0};
+    SpinBarrier barrier;
+    run_team(threads, [&](int t, int parts) {
+        TiledScratch s;
+        const int ahead = 1 % parts; // the thread of tile 1, which forms the next leading tile
+        int count = t == ahead ? tiled_step_kernel(a, n, tol, 0, 0, s) : 0;
+        barrier.wait(parts);
+        for (int i0 = 0; i0 < n; i0 += kNb) {
+            const int next = i0 + kNb, tiles = (n - i0 + kNc - 1) / kNc;
+            tiled_step_kernel(a, n, tol, i0, -1, s);
+            if (t == ahead && tiles == 1 && next < n)
+                count += tiled_step_kernel(a, n, tol, next, 0, s);
+            for (int m = 1; m < tiles; ++m) {
+                if (m % parts != t)
+                    continue;
+                tiled_step_kernel(a, n, tol, i0, m, s);
+                if (m == 1 && next < n) { // then back to this block's leading tile
+                    count += tiled_step_kernel(a, n, tol, next, 0, s);
+                    tiled_step_kernel(a, n, tol, i0, -1, s);
+                }
+            }
+            barrier.wait(parts);
+        }
+        total += count;
+    });
+    return total.load();
+}
+
 } // namespace
 
 int factor_kernel(const StridedView& a, int n, int bw, double tol)
@@ -329,8 +366,10 @@ int factor_kernel(const StridedView& a, int n, int bw, double tol)
     }
     if (std::min(bw, n - 1) <= kRingWidth)
         return factor_ring<0>(a, n, bw, tol);
-    if (bw >= n - 1) // every k from 0: the tiled kernel
-        return tiled_factor_kernel(a, n, tol);
+    if (bw >= n - 1) { // every k from 0: the tiled kernel, on a team when it pays
+        const int threads = team_size(static_cast<double>(n) * n * n, kFactorGrain);
+        return threads > 1 ? tiled_factor_team(a, n, tol, threads) : tiled_factor_kernel(a, n, tol);
+    }
     // A team only where the rows are wide enough to share (the owners' runs cover the band) and
     // the flags' ring outlasts the threads' spread.
     const int threads =

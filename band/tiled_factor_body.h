@@ -15,7 +15,9 @@
 //     of the block's own rows (ascending), is divided, and is copied back;
 //   - a dropped row is never written but for its diagonal, so it keeps A's values, as in the
 //     generic loops.
-// Scratch: fixed arrays on the stack (about 72 KiB), no allocation.
+// Each tile is one step (tiled_step), so that a team can take the tiles of a block of rows side
+// by side (factor_kernels.cpp): the tiles of one block depend only on the rows above it and on
+// its leading tile. Scratch: a TiledScratch (about 80 KiB) on the stack, no allocation.
 #include <algorithm>
 #include <cmath>
 
@@ -31,14 +33,15 @@ using Vec = simd::Vec<KEL_ISA_WIDTH>;
 using simd::load;
 using simd::store;
 
-constexpr int kL = KEL_ISA_WIDTH; // doubles per vector
-constexpr int kMr = 4;            // rows of a register tile
-constexpr int kNv = 2;            // vectors across the columns of a register tile
-constexpr int kNr = kNv * kL;     // columns of a register tile
-constexpr int kNb = 32;           // rows of a block
-constexpr int kNc = 64;           // columns of a tile (a multiple of kNr on every width)
-constexpr int kKc = 128;          // rows k packed at a time
-static_assert(kNc % kNr == 0 && kNb % kMr == 0 && kNb <= kNc, "tile shapes");
+constexpr int kL = KEL_ISA_WIDTH;      // doubles per vector
+constexpr int kMr = 4;                 // rows of a register tile
+constexpr int kNv = 2;                 // vectors across the columns of a register tile
+constexpr int kNr = kNv * kL;          // columns of a register tile
+constexpr int kNb = TiledScratch::kNb; // rows of a block
+constexpr int kNc = TiledScratch::kNc; // columns of a tile (a multiple of kNr on every width)
+constexpr int kKc = TiledScratch::kKc; // rows k packed at a time
+static_assert(kNc % kNr == 0 && kNb % kMr == 0 && kNb <= kNc && kNr <= TiledScratch::kMaxNr,
+              "tile shapes");
 
 // kMr rows by kNr columns of the scratch at s (row stride kNc) minus the products of kc packed
 // rows k: ap holds U(k, i) kMr a row, bp holds U(k, j) kNr a row, both in ascending k.
@@ -78,103 +81,127 @@ KEL_ISA_TARGET inline void divide_row(double* row, double pivot)
 
 } // namespace
 
-KEL_ISA_TARGET int tiled_factor(const StridedView& a, int n, double tol)
+// Tile `tile` of the block of rows from i0 (kNb rows): 0 is the leading tile, which starts at
+// the diagonal and finds the block's pivots (returns how many it kept); m >= 1 the tile of
+// columns i0 + m kNc on, which needs the leading tile's results in s; -1 loads those results
+// into s from A, once A holds them (a dropped pivot is -1.0 there, a kept one a square root).
+KEL_ISA_TARGET int tiled_step(const StridedView& a, int n, double tol, int i0, int tile,
+                              TiledScratch& s)
 {
-    alignas(64) double lead[kNb * kNc]; // the leading tile of the block: its pivots and U(k, i)
-    alignas(64) double rest[kNb * kNc]; // any further tile of the block
-    alignas(64) double ap[kNb * kKc];   // U(k, i) of the block's rows, kMr rows per panel
-    alignas(64) double bp[kNr * kKc];   // U(k, j) of one register tile's columns
-    int kp[kKc];                        // the rows k of a chunk with U(k, k) > 0
-    bool dropped[kNb];
-    double pivot[kNb];
+    double* const lead = s.lead; // the leading tile of the block: its pivots and U(k, i)
+    double* const ap = s.ap;     // U(k, i) of the block's rows, kMr rows per panel
+    double* const bp = s.bp;     // U(k, j) of one register tile's columns
+    int* const kp = s.kp;        // the rows k of a chunk with U(k, k) > 0
+    bool* const dropped = s.dropped;
+    double* const pivot = s.pivot;
+    const int nb = std::min(kNb, n - i0);
+    if (tile < 0) {
+        for (int r = 0; r < nb; ++r) {
+            const double d = a(i0 + r, i0 + r);
+            dropped[r] = d == -1.0;
+            pivot[r] = d;
+            double* tr = lead + r * kNc;
+            tr[r] = d;
+            if (!dropped[r])
+                for (int c = r + 1; c < nb; ++c)
+                    tr[c] = a(i0 + r, i0 + c);
+        }
+        return 0;
+    }
+    const int j0 = i0 + tile * kNc;
+    const bool first = tile == 0;
+    const int nc = std::min(kNc, n - j0);
+    double* const t = first ? lead : s.rest; // the tile, row-major
     int count = 0;
-    for (int i0 = 0; i0 < n; i0 += kNb) {
-        const int nb = std::min(kNb, n - i0);
-        for (int j0 = i0; j0 < n; j0 += kNc) {
-            const bool first = j0 == i0;
-            const int nc = std::min(kNc, n - j0);
-            double* const t = first ? lead : rest;
-            // The tile, zero outside it; the leading tile only from its diagonal on (the
-            // generic loops never read below it), later tiles only on rows kept.
-            for (int r = 0; r < kNb; ++r) {
-                double* tr = t + r * kNc;
-                const bool row = r < nb && (first || !dropped[r]);
-                const int c0 = first ? std::min(r, nc) : 0;
-                std::fill(tr, tr + kNc, 0.0);
-                if (row)
-                    for (int c = c0; c < nc; ++c)
-                        tr[c] = a(i0 + r, j0 + c);
+    // The tile, zero outside it; the leading tile only from its diagonal on (the generic loops
+    // never read below it), later tiles only on rows kept.
+    for (int r = 0; r < kNb; ++r) {
+        double* tr = t + r * kNc;
+        const bool row = r < nb && (first || !dropped[r]);
+        const int c0 = first ? std::min(r, nc) : 0;
+        std::fill(tr, tr + kNc, 0.0);
+        if (row)
+            for (int c = c0; c < nc; ++c)
+                tr[c] = a(i0 + r, j0 + c);
+    }
+    // The rows above the block, in chunks, ascending.
+    for (int k0 = 0; k0 < i0; k0 += kKc) {
+        const int k1 = std::min(i0, k0 + kKc);
+        int kc = 0;
+        for (int k = k0; k < k1; ++k)
+            if (a(k, k) > 0.0) // strict: dropped (-1) and zero pivots do not contribute
+                kp[kc++] = k;
+        if (kc == 0)
+            continue;
+        const int panels = (nb + kMr - 1) / kMr;
+        for (int p = 0; p < panels; ++p)
+            for (int r = 0; r < kMr; ++r) {
+                const int row = p * kMr + r;
+                double* dst = ap + p * kMr * kKc + r;
+                if (row < nb)
+                    for (int kk = 0; kk < kc; ++kk)
+                        dst[kk * kMr] = a(kp[kk], i0 + row);
+                else
+                    for (int kk = 0; kk < kc; ++kk)
+                        dst[kk * kMr] = 0.0;
             }
-            // The rows above the block, in chunks, ascending.
-            for (int k0 = 0; k0 < i0; k0 += kKc) {
-                const int k1 = std::min(i0, k0 + kKc);
-                int kc = 0;
-                for (int k = k0; k < k1; ++k)
-                    if (a(k, k) > 0.0) // strict: dropped (-1) and zero pivots do not contribute
-                        kp[kc++] = k;
-                if (kc == 0)
-                    continue;
-                const int panels = (nb + kMr - 1) / kMr;
-                for (int p = 0; p < panels; ++p)
-                    for (int r = 0; r < kMr; ++r) {
-                        const int row = p * kMr + r;
-                        double* dst = ap + p * kMr * kKc + r;
-                        if (row < nb)
-                            for (int kk = 0; kk < kc; ++kk)
-                                dst[kk * kMr] = a(kp[kk], i0 + row);
-                        else
-                            for (int kk = 0; kk < kc; ++kk)
-                                dst[kk * kMr] = 0.0;
-                    }
-                for (int c0 = 0; c0 < nc; c0 += kNr) {
-                    for (int c = 0; c < kNr; ++c) {
-                        if (c0 + c < nc)
-                            for (int kk = 0; kk < kc; ++kk)
-                                bp[kk * kNr + c] = a(kp[kk], j0 + c0 + c);
-                        else
-                            for (int kk = 0; kk < kc; ++kk)
-                                bp[kk * kNr + c] = 0.0;
-                    }
-                    for (int p = 0; p < panels; ++p)
-                        if (!first || c0 + kNr > p * kMr) // the leading tile: not wholly below
-                            register_tile(t + p * kMr * kNc + c0, ap + p * kMr * kKc, bp, kc);
-                }
+        for (int c0 = 0; c0 < nc; c0 += kNr) {
+            for (int c = 0; c < kNr; ++c) {
+                if (c0 + c < nc)
+                    for (int kk = 0; kk < kc; ++kk)
+                        bp[kk * kNr + c] = a(kp[kk], j0 + c0 + c);
+                else
+                    for (int kk = 0; kk < kc; ++kk)
+                        bp[kk * kNr + c] = 0.0;
             }
-            // The block's own rows, ascending, then the division; the leading tile finds the
-            // pivots on the way.
-            for (int r = 0; r < nb; ++r) {
-                if (!first && dropped[r])
-                    continue;
-                double* tr = t + r * kNc;
-                for (int q = 0; q < r; ++q)
-                    if (lead[q * kNc + q] > 0.0) // strict, as above
-                        subtract_row(tr, t + q * kNc, lead[q * kNc + r]);
-                if (first) {
-                    const double d = tr[r];
-                    dropped[r] = d < tol; // dropped pivot; d == tol and NaN are accepted
-                    if (dropped[r]) {
-                        tr[r] = -1.0;
-                        continue;
-                    }
-                    ++count;
-                    pivot[r] = std::sqrt(d);
-                    divide_row(tr, pivot[r]);
-                    tr[r] = pivot[r];
-                } else {
-                    divide_row(tr, pivot[r]);
-                }
-            }
-            for (int c = 0; c < nc; ++c)
-                for (int r = 0; r < nb; ++r) {
-                    if (first && c < r)
-                        continue;
-                    if (!dropped[r])
-                        a(i0 + r, j0 + c) = t[r * kNc + c];
-                    else if (first && c == r)
-                        a(i0 + r, j0 + c) = -1.0;
-                }
+            for (int p = 0; p < panels; ++p)
+                if (!first || c0 + kNr > p * kMr) // the leading tile: not wholly below
+                    register_tile(t + p * kMr * kNc + c0, ap + p * kMr * kKc, bp, kc);
         }
     }
+    // The block's own rows, ascending, then the division; the leading tile finds the pivots on
+    // the way.
+    for (int r = 0; r < nb; ++r) {
+        if (!first && dropped[r])
+            continue;
+        double* tr = t + r * kNc;
+        for (int q = 0; q < r; ++q)
+            if (lead[q * kNc + q] > 0.0) // strict, as above
+                subtract_row(tr, t + q * kNc, lead[q * kNc + r]);
+        if (first) {
+            const double d = tr[r];
+            dropped[r] = d < tol; // dropped pivot; d == tol and NaN are accepted
+            if (dropped[r]) {
+                tr[r] = -1.0;
+                continue;
+            }
+            ++count;
+            pivot[r] = std::sqrt(d);
+            divide_row(tr, pivot[r]);
+            tr[r] = pivot[r];
+        } else {
+            divide_row(tr, pivot[r]);
+        }
+    }
+    for (int c = 0; c < nc; ++c)
+        for (int r = 0; r < nb; ++r) {
+            if (first && c < r)
+                continue;
+            if (!dropped[r])
+                a(i0 + r, j0 + c) = t[r * kNc + c];
+            else if (first && c == r)
+                a(i0 + r, j0 + c) = -1.0;
+        }
+    return count;
+}
+
+KEL_ISA_TARGET int tiled_factor(const StridedView& a, int n, double tol)
+{
+    TiledScratch s;
+    int count = 0;
+    for (int i0 = 0; i0 < n; i0 += kNb)
+        for (int tile = 0; i0 + tile * kNc < n; ++tile)
+            count += tiled_step(a, n, tol, i0, tile, s);
     return count;
 }
 

@@ -16,9 +16,9 @@
 namespace kelmatrix {
 namespace internal {
 
-extern const KernelTable KEL_ISA_TABLE = {KEL_ISA_NS::tiled_factor, KEL_ISA_NS::column_block,
-                                          KEL_ISA_NS::ring_row, KEL_ISA_NS::forward_kernel,
-                                          KEL_ISA_NS::backward_kernel};
+extern const KernelTable KEL_ISA_TABLE = {KEL_ISA_NS::tiled_factor,   KEL_ISA_NS::tiled_step,
+                                          KEL_ISA_NS::column_block,   KEL_ISA_NS::ring_row,
+                                          KEL_ISA_NS::forward_kernel, KEL_ISA_NS::backward_kernel};
 
 } // namespace internal
 } // namespace kelmatrix

@@ -52,6 +52,27 @@ inline void wait_at_least(const std::atomic<int>& count, int value)
             std::this_thread::yield();
 }
 
+/// All of a team's threads wait at wait(parts) until the last arrives (acquire and release:
+/// what any of them wrote before is seen by all after). Spins briefly, then yields.
+class SpinBarrier {
+public:
+    void wait(int parts)
+    {
+        const int generation = generation_.load(std::memory_order_acquire);
+        if (arrived_.fetch_add(1, std::memory_order_acq_rel) + 1 == parts) {
+            arrived_.store(0, std::memory_order_relaxed);
+            generation_.fetch_add(1, std::memory_order_acq_rel);
+            return;
+        }
+        for (int spins = 0; generation_.load(std::memory_order_acquire) == generation; ++spins)
+            if (spins >= 64)
+                std::this_thread::yield();
+    }
+
+private:
+    std::atomic<int> arrived_{0}, generation_{0};
+};
+
 /// Share `part` of `parts` of the items 0 .. count - 1 in contiguous runs: [first, second).
 /// Every run but the last holds a multiple of `unit` items when count allows; runs may be empty.
 std::pair<int, int> share(int count, int part, int parts, int unit = 1);
