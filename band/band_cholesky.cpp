@@ -127,7 +127,7 @@ void Cholesky_subst(KelGenericMatrix& A, int bandWidth, KelMatrix& B)
         // The columns share no storage with each other or with A: each pass may take them all,
         // and the threads of a team take a run of them each, through both passes.
         const double terms = static_cast<double>(n) * (std::min(bw, n - 1) + 1) * nrhs;
-        run_team(team_size(terms, kSubstitutionGrain), [&](int t, int parts) {
+        run_team(column_team(terms, nrhs), [&](int t, int parts) {
             const std::pair<int, int> c = share(nrhs, t, parts, kColumnUnit);
             if (c.first < c.second) {
                 forward_kernel(u, n, bw, b, 0, c.first, c.second);

@@ -107,7 +107,7 @@ int cyclic_factor_kernel(const BorderedViews& a, int bw, double tol)
     factor_kernel(a.band, a.nb, bw, tol); // Deliberate: the band block's count is not reported
     // W = U11^-T A12, the border columns independent of each other: a run of them per thread.
     const int w = std::max(1, std::min(bw, a.nb - 1)) + 1;
-    run_team(team_size(static_cast<double>(a.nb) * w * a.m, kBorderGrain), [&](int t, int parts) {
+    run_team(column_team(static_cast<double>(a.nb) * w * a.m, a.m), [&](int t, int parts) {
         const std::pair<int, int> c = share(a.m, t, parts, kColumnUnit);
         if (c.first < c.second)
             forward_kernel(a.band, a.nb, bw, a.border, 0, c.first, c.second);
@@ -127,7 +127,7 @@ void cyclic_solve_kernel(const BorderedViews& a, int bw, const StridedView& b, i
     const double terms = (static_cast<double>(a.nb) * (std::min(bw, a.nb) + 2 * a.m + 1) +
                           static_cast<double>(a.m) * (a.m + 1)) *
                          nrhs;
-    run_team(team_size(terms, kSubstitutionGrain), [&](int t, int parts) {
+    run_team(column_team(terms, nrhs), [&](int t, int parts) {
         const std::pair<int, int> c = share(nrhs, t, parts, kColumnUnit);
         if (c.first < c.second)
             solve_columns(a, bw, b, c.first, c.second);

@@ -264,7 +264,7 @@ TEST_P(FastRoute, CyclicCholeskyMatchesTheGenericRoute)
                 // of width bw, or one wider than the routines use.
                 const int stored = s == kBordered ? std::max(bw, 0) + (tol == 0.0) : n - 1;
                 routes_agree(
-                    s, n, stored, {1, 3}, false, rng,
+                    s, n, stored, {1, 3, 9}, false, rng,
                     [&](KelGenericMatrix& A) { return cyclic_Cholesky_factor(A, bw, m, tol); },
                     [&](KelGenericMatrix& A, KelMatrix& b) { cyclic_Cholesky_subst(A, bw, m, b); },
                     m);
