@@ -106,6 +106,12 @@ struct Pairs {
         state.counters[prefix + "lib_ms"] = l * 1e3;
         state.counters[prefix + "ref_ms"] = r * 1e3;
         state.counters[prefix + "ratio"] = r > 0.0 ? l / r : 0.0;
+        // The fastest times too: on a machine shared with other work, the runs in which the
+        // cores were free.
+        if (!lib.empty() && !ref.empty()) {
+            state.counters[prefix + "lib_min_ms"] = *std::min_element(lib.begin(), lib.end()) * 1e3;
+            state.counters[prefix + "ref_min_ms"] = *std::min_element(ref.begin(), ref.end()) * 1e3;
+        }
         // The spread of the per-iteration ratios shows how much the machine moved the figure.
         std::vector<double> ratios;
         for (std::size_t k = 0; k < lib.size() && k < ref.size(); ++k)
