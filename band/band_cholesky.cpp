@@ -10,6 +10,10 @@
 // Each routine first asks direct_route.h whether its matrices may be addressed directly; if
 // so the kernels of factor_kernels.cpp / substitution_kernels.cpp compute the same bits from
 // strided views, otherwise the loops below run through the accessor. Nothing is allocated.
+// With the native threads on (kelmatrix/threads.h), the direct route shares independent work
+// out: Cholesky_subst its right-hand sides, the factor kernels the columns of each row.
+// Never the generic route: a user's class may override its accessors, which are never called
+// from two threads at once.
 #include <algorithm>
 #include <cmath>
 

@@ -6,7 +6,10 @@
 // 16 on the widest vectors, ring_row_body.h); wider bands take blocks of eight or sixteen columns
 // j of row i together, k ascending (column_block_body.h). Either way every U(i, j) takes its
 // terms in ascending k, exactly as the generic loops do: only the work on different j is
-// interleaved, which the distinct addresses of the view make exact.
+// interleaved, which the distinct addresses of the view make exact. With a team (parallel/
+// team.h), the wide bands deal their columns out to the threads as a wavefront and the whole
+// triangle deals out the tiles of each block of rows; each element is still formed by one
+// thread with the serial code, so the bits are the same for every count.
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -370,10 +373,11 @@ int factor_kernel(const StridedView& a, int n, int bw, double tol)
         const int threads = team_size(static_cast<double>(n) * n * n, kFactorGrain);
         return threads > 1 ? tiled_factor_team(a, n, tol, threads) : tiled_factor_kernel(a, n, tol);
     }
-    // A team only where the rows are wide enough to share (the owners' runs cover the band) and
-    // the flags' ring outlasts the threads' spread.
-    const int threads =
-        bw <= kMaxTeamWidth ? team_size(static_cast<double>(n) * bw * bw, kFactorGrain) : 1;
+    // A team only where a row's work outweighs its hand-over between cores, and the flags' ring
+    // outlasts the threads' spread.
+    const int threads = (bw >= kMinTeamWidth || team_thresholds_ignored()) && bw <= kMaxTeamWidth
+                            ? team_size(static_cast<double>(n) * bw * bw, kFactorGrain)
+                            : 1;
     if (std::min(threads, bw / kOwned) > 1)
         return factor_columns_team(a, n, bw, tol, std::min(threads, bw / kOwned));
     return factor_columns(a, n, bw, tol);

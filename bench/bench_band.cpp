@@ -604,6 +604,11 @@ void register_cases()
         kb::add(
             "BandFactor/n:" + std::to_string(n_band) + "/bw:" + std::to_string(bw),
             [=](benchmark::State& s) { band_factor(s, n_band, bw); }, 9);
+    // Wider bands, where the factorization's threads have more to share per row.
+    for (int bw : {256, 512})
+        kb::add(
+            "BandFactor/n:" + std::to_string(n_band / 4) + "/bw:" + std::to_string(bw),
+            [=](benchmark::State& s) { band_factor(s, n_band / 4, bw); }, 5);
     for (int nrhs : {1, 16})
         for (int bw : {1, 2, 4, 8, 32, 64, 128})
             kb::add(

@@ -95,6 +95,11 @@ bool ignore_team_thresholds(bool ignore)
     return g_ignore_thresholds.exchange(ignore);
 }
 
+bool team_thresholds_ignored()
+{
+    return g_ignore_thresholds.load(std::memory_order_relaxed);
+}
+
 void run_team_raw(int threads, void (*body)(void*, int, int), void* context)
 {
     if (threads <= 1)

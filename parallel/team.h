@@ -28,6 +28,8 @@ int team_size(double work, double grain);
 /// For the tests: with true, team_size ignores the work (any job of 2 units or more gets the
 /// setting's count), so that small cases run the parallel paths too. Returns the previous value.
 bool ignore_team_thresholds(bool ignore);
+/// Whether the tests asked so (for a routine's other size limits of the same kind).
+bool team_thresholds_ignored();
 
 /// Calls body(t, parts) once on each thread t = 0 .. parts - 1 of a team of at most `threads`
 /// threads, and returns when all have returned; parts is the count the runtime gave (fewer than
