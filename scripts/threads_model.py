@@ -9,8 +9,10 @@ substitutions, whose threads each stream the whole factor: a pass cannot go fast
 bytes all threads read over the machine's bandwidth. Not a measurement: the 1- and 2-thread
 columns of the guide are; this extends them to 8, 16 and 64 cores under the stated costs.
 
-    scripts/threads_model.py [--wake-us 5] [--handoff-us 0.2] [--barrier-us 1]
-                             [--bandwidth-GBps 20 (per socket, all cores)]
+    scripts/threads_model.py [--wake-us 5] [--handoff-us 1.2] [--barrier-us 1]
+                             [--core-GBps 7.5] [--socket-GBps 100]
+Memory bandwidth on P cores: P times one core's (7.5 GB/s measured here, 15.1 on both cores),
+up to a socket's (100 GB/s assumed for a server; not measured).
 """
 import argparse
 
@@ -28,7 +30,7 @@ def share(count, part, parts, unit):
     return min(count, last * unit) - min(count, first * unit)
 
 
-def substitution(t1, n, width, cols, p, a, unit=4):
+def substitution(t1, n, width, cols, p, a, unit=4, narrow=1.0):
     """Columns shared in runs of `unit`, at least `unit` a thread (parallel/thresholds.h's
     column_team; the Kronecker substitutions take single columns). Memory: the factor
     (n (width + 1) doubles) and the columns are read in both passes; threads walking the
@@ -36,9 +38,13 @@ def substitution(t1, n, width, cols, p, a, unit=4):
     case: threads that drift apart read it up to once each)."""
     p = max(1, min(p, cols // unit))
     busiest = max(share(cols, t, p, unit) for t in range(p))
-    compute = t1 * busiest / cols
-    bytes_moved = 2 * 8.0 * n * ((width + 1) + 2 * cols)
-    memory = bytes_moved / (a.bandwidth_GBps * 1e9)
+    # A thread with fewer columns than one runs alone walks the factor for fewer of them: the
+    # cost per column rises by `narrow`, taken from the measured 2-thread speedup (2 / S2).
+    compute = t1 * busiest / cols * (narrow if busiest < cols else 1.0)
+    # Right-hand sides that fit in the last-level cache stay there between the passes.
+    column_bytes = 0 if 8.0 * n * cols <= a.llc_MB * 2**20 else 2 * cols
+    bytes_moved = 2 * 8.0 * n * ((width + 1) + column_bytes)
+    memory = bytes_moved / (min(p * a.core_GBps, a.socket_GBps) * 1e9)
     return max(compute, memory) + (a.wake_us * 1e-6 if p > 1 else 0)
 
 
@@ -89,35 +95,45 @@ def dense_tiled(t1, n, p, a):
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--wake-us", type=float, default=5.0)
-    ap.add_argument("--handoff-us", type=float, default=0.2)
+    ap.add_argument("--handoff-us", type=float, default=1.2)
     ap.add_argument("--barrier-us", type=float, default=1.0)
-    ap.add_argument("--bandwidth-GBps", type=float, default=20.0)
+    ap.add_argument("--core-GBps", type=float, default=7.5)
+    ap.add_argument("--socket-GBps", type=float, default=100.0)
+    ap.add_argument("--llc-MB", type=float, default=32.0)
     # Measured 1-thread times (ms) of the bench cases, to scale the schedules.
-    ap.add_argument("--band16-ms", type=float, nargs=3, default=[16.9, 40.7, 154.8],
+    ap.add_argument("--band16-ms", type=float, nargs=3, default=[8.4, 27.2, 100.2],
                     help="16-rhs band substitution, n 200000, bw 4 / 32 / 128")
-    ap.add_argument("--kron-ms", type=float, default=277.0,
+    ap.add_argument("--kron-ms", type=float, default=182.9,
                     help="Kronecker substitutions, 1000^2, 8 columns")
-    ap.add_argument("--factor-ms", type=float, nargs=2, default=[276.0, 680.0],
-                    help="band factor, n 200000, bw 64 / 128")
-    ap.add_argument("--dense-ms", type=float, default=271.6, help="dense factor n 2000")
-    ap.add_argument("--dense-subst-ms", type=float, default=20.7,
+    ap.add_argument("--factor-ms", type=float, nargs=2, default=[409.8, 4101.3],
+                    help="band factor, n 50000, bw 256 / 512 (narrower widths stay serial)")
+    ap.add_argument("--dense-ms", type=float, default=135.0, help="dense factor n 2000")
+    ap.add_argument("--speedup2", type=float, nargs=5, default=[1.43, 1.40, 1.26, 1.34, 1.90],
+                    help="measured 2-thread speedups: band subst bw 4 / 32 / 128, dense subst, "
+                    "Kronecker (they calibrate the cost of narrower column shares)")
+    ap.add_argument("--dense-subst-ms", type=float, default=12.3,
                     help="dense substitution n 2000, 16 rhs")
     a = ap.parse_args()
     cores = [1, 2, 8, 16, 64]
     cases = []
-    for bw, t in zip([4, 32, 128], a.band16_ms):
+    nar = [2.0 / x for x in a.speedup2]
+    for bw, t, q in zip([4, 32, 128], a.band16_ms, nar):
         cases.append(("band subst 16 rhs bw %d" % bw,
-                      lambda p, t=t, bw=bw: substitution(t * 1e-3, 200000, bw, 16, p, a)))
+                      lambda p, t=t, bw=bw, q=q: substitution(t * 1e-3, 200000, bw, 16, p, a,
+                                                              narrow=q)))
     cases.append(("dense subst 16 rhs n 2000",
-                  lambda p: substitution(a.dense_subst_ms * 1e-3, 2000, 1000, 16, p, a)))
+                  lambda p: substitution(a.dense_subst_ms * 1e-3, 2000, 1000, 16, p, a,
+                                         narrow=nar[3])))
     cases.append(("Kronecker subst 1000^2, 8 cols",
-                  lambda p: substitution(a.kron_ms * 1e-3, 10**6, 8, 8, p, a, unit=1)))
-    for bw, t in zip([64, 128], a.factor_ms):
+                  lambda p: substitution(a.kron_ms * 1e-3, 10**6, 8, 8, p, a, unit=1,
+                                         narrow=nar[4])))
+    for bw, t in zip([256, 512], a.factor_ms):
         cases.append(("band factor bw %d" % bw,
-                      lambda p, t=t, bw=bw: wide_band(t * 1e-3, 200000, bw, p, a)))
+                      lambda p, t=t, bw=bw: wide_band(t * 1e-3, 50000, bw, p, a)))
     cases.append(("dense factor n 2000", lambda p: dense_tiled(a.dense_ms * 1e-3, 2000, p, a)))
     print("predicted speedup over 1 thread (wake %.1f us, hand-over %.2f us, barrier %.1f us, "
-          "%.0f GB/s)" % (a.wake_us, a.handoff_us, a.barrier_us, a.bandwidth_GBps))
+          "%.1f GB/s a core up to %.0f)" % (a.wake_us, a.handoff_us, a.barrier_us, a.core_GBps,
+                                             a.socket_GBps))
     print("%-34s" % "routine" + "".join("%8s" % ("P=%d" % p) for p in cores))
     for name, f in cases:
         t1 = f(1)
