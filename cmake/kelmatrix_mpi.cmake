@@ -38,25 +38,17 @@ if(NOT MPI_CXX_FOUND OR NOT MKL_BLACS_LIBRARY)
 endif()
 
 include(${PROJECT_SOURCE_DIR}/sparse/mpi_sources.cmake)
-add_library(kelmatrix_mpi SHARED ${KELMATRIX_MPI_SOURCES})
+kelmatrix_add_library(kelmatrix_mpi SHARED ${KELMATRIX_MPI_SOURCES})
 add_library(KelMatrix::kelmatrix_mpi ALIAS kelmatrix_mpi)
-target_include_directories(kelmatrix_mpi PRIVATE ${PROJECT_SOURCE_DIR})
-target_compile_definitions(kelmatrix_mpi PRIVATE KELMATRIX_MPI_BUILDING)
-target_compile_options(kelmatrix_mpi PRIVATE -ffp-contract=off -fno-fast-math)
-# The public header includes mpi.h and the core's sparse.h; MKL stays private. MKL's cluster
-# engine looks its BLACS layer up by symbol at run time, so the library records that layer as a
-# dependency although it names none of its symbols (hence not "as needed").
+# The public header includes mpi.h and the core's sparse.h. MKL's cluster engine looks its BLACS
+# layer up by symbol at run time, so the library records that layer as a dependency although it
+# names none of its symbols (hence not "as needed").
 target_link_libraries(kelmatrix_mpi
   PUBLIC kelmatrix MPI::MPI_CXX
-  PRIVATE MKL::MKL $<BUILD_INTERFACE:kelmatrix_warnings>
-          "-Wl,--push-state,--no-as-needed" ${MKL_BLACS_LIBRARY} "-Wl,--pop-state")
-target_link_options(kelmatrix_mpi PRIVATE -Wl,--no-undefined)
+  PRIVATE "-Wl,--push-state,--no-as-needed" ${MKL_BLACS_LIBRARY} "-Wl,--pop-state")
 # Installed beside libkelmatrix, it finds it there ($ORIGIN) whatever the prefix: an executable's
 # run path does not reach a library's own dependencies.
-set_target_properties(kelmatrix_mpi PROPERTIES
-  CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON INSTALL_RPATH "$ORIGIN"
-  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-  EXPORT_NAME kelmatrix_mpi)
+set_target_properties(kelmatrix_mpi PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 install(TARGETS kelmatrix_mpi EXPORT KelMatrixMPITargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}

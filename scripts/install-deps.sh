@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what KELMATRIX needs on Debian bookworm, non-interactively and idempotently:
 # Intel MKL (from the non-free component, enabled here when absent), the compiler and
-# build tools, GoogleTest, Google Benchmark and Doxygen, and for the distributed solver Open MPI
+# build tools, GoogleTest, Google Benchmark, Doxygen and clang-format, and for the distributed solver Open MPI
 # with MKL's BLACS layer for it. Run as root, or with sudo available.
 set -euo pipefail
 
@@ -10,7 +10,7 @@ if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 
 packages=(libmkl-dev cmake g++ make pkg-config googletest libgtest-dev libbenchmark-dev doxygen
-          openmpi-bin libopenmpi-dev libmkl-blacs-openmpi-lp64)
+          clang-format openmpi-bin libopenmpi-dev libmkl-blacs-openmpi-lp64)
 for extra in "$@"; do packages+=("$extra"); done
 
 missing=()

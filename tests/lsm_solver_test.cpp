@@ -83,18 +83,18 @@ protected:
         LSMsolver::establish_numthreads(saved_threads > 0 ? saved_threads : 1);
         LSMsolver::mNumThreadsDefault = saved_threads;
     }
-    /// Solves b's columns by the raw overload into x: the residual ratio against A, infinite if
-    /// the solve fails or changes b.
+    /// Solves b's columns by the raw overload into solution: the residual ratio against A,
+    /// infinite if the solve fails or changes b.
     double solve_ratio(LSMsolver& s, const kt::Csr& A, const kt::Dense& b)
     {
         std::vector<double> b_copy = b.v;
-        x.assign(b.v.size(), 0.0);
-        return s.solve(b.cols, b_copy.data(), x.data()) && b_copy == b.v
-                   ? kt::residual_ratio(A, x, b.v, b.cols)
+        solution.assign(b.v.size(), 0.0);
+        return s.solve(b.cols, b_copy.data(), solution.data()) && b_copy == b.v
+                   ? kt::residual_ratio(A, solution, b.v, b.cols)
                    : std::numeric_limits<double>::infinity();
     }
     int saved_threads = -1;
-    std::vector<double> x; // solve_ratio's last solution
+    std::vector<double> solution; // solve_ratio's last one
     std::mt19937_64 rng{kt::seed()};
     int ia1[2] = {1, 2}, ja1[1] = {1}; // the 1 x 1 system a1 x = b
     double a1[1] = {4.0};
@@ -286,7 +286,7 @@ TEST_F(LSMsolverTest, RefactorReusesTheAnalysisForNewValues)
     ASSERT_TRUE(s.refactor());
     EXPECT_FALSE(s.factor()); // refactor leads to state 2, not 0
     EXPECT_LT(solve_ratio(s, changed, b), 30.0);
-    EXPECT_GT(kt::residual_ratio(A, x, b.v, 2), 1e6); // not the old matrix's solution
+    EXPECT_GT(kt::residual_ratio(A, solution, b.v, 2), 1e6); // not the old matrix's solution
     ASSERT_EQ(phases(), (std::vector<int>{12, 33, 22, 33}));
     EXPECT_EQ(g_calls[2].pt, g_calls[0].pt); // the handle the analysis filled, not a fresh one
     EXPECT_TRUE(g_calls[0].handle == nullptr && g_calls[2].handle != nullptr);
