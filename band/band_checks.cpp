@@ -2,11 +2,11 @@
 // The checks of the band, cyclic and Kronecker Cholesky routines and the cyclic solve driver.
 //
 // These routines reach their matrices through the element accessor, within the band width
-// they resolve: on a KelMatrixBanded that width must lie inside the stored upper band (ku), or
-// the accessor leaves the band's storage. The order is A.rows; A must have that many columns and
-// right-hand sides that many rows. Shared storage is not reported here: these routines read and
-// write in one fixed order on every route, so a right-hand side that overlaps the factor gives
-// the same (defined) bits in every build.
+// they resolve (by their own rules: resolve_band_width, kronecker_widths): on a KelMatrixBanded
+// that width must lie inside the stored upper band (ku), or the accessor leaves the band's storage.
+// The order is A.rows; A must have that many columns and right-hand sides that many rows. Shared
+// storage is not reported here: these routines read and write in one fixed order on every route, so
+// a right-hand side that overlaps the factor gives the same (defined) bits in every build.
 #if defined(KELMATRIX_CHECKED)
 
 #    include <algorithm>
