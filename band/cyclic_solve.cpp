@@ -97,16 +97,17 @@ bool band_solve(Blocks& t, KelMatrix& P)
     return info == 0;
 }
 
-// T(r, c) -= sum_k P(k, c) E(k, r), r < T.rows, c from r (upper) or 0; each sum from 0 in
-// ascending k, subtracted once.
-void subtract_transposed_product(KelMatrix& T, const KelMatrix& P, const KelMatrix& E, bool upper)
+// T(r, c) -= sum_{k < depth} P(k, c) e(k, r) for r < T.rows and c from r (upper) or 0; each
+// sum from 0 in ascending k, subtracted once.
+template <class Factor>
+void subtract_product(KelMatrix& T, const KelMatrix& P, int depth, Factor e, bool upper)
 {
-    const int rows = T.GetRowDim(), cols = T.GetColDim(), nb = E.GetRowDim();
+    const int rows = T.GetRowDim(), cols = T.GetColDim();
     for (int r = 0; r < rows; ++r)
         for (int c = upper ? r : 0; c < cols; ++c) {
             double sigma = 0.0;
-            for (int k = 0; k < nb; ++k)
-                sigma = sigma + P(k, c) * E(k, r);
+            for (int k = 0; k < depth; ++k)
+                sigma = sigma + P(k, c) * e(k, r);
             T(r, c) = T(r, c) - sigma;
         }
 }
@@ -119,14 +120,15 @@ bool form_schur_complement(Blocks& t)
     copy_elements(W, t.E);
     if (!band_solve(t, W))
         return false;
-    subtract_transposed_product(t.S, W, t.E, /*upper=*/true);
+    const auto e_transposed = [&t](int k, int r) { return t.E(k, r); }; // A12^T
+    subtract_product(t.S, W, t.nb, e_transposed, /*upper=*/true);
 
     KelMatrix Y; // A11^-1 B1, overwritten whole
     Y.Dimension(t.nb, t.nrhs, -1, -1);
     copy_elements(Y, t.B1);
     if (!band_solve(t, Y))
         return false;
-    subtract_transposed_product(t.B2, Y, t.E, /*upper=*/false);
+    subtract_product(t.B2, Y, t.nb, e_transposed, /*upper=*/false);
     return true;
 }
 
@@ -155,13 +157,8 @@ bool solve_border(Blocks& t)
 // X1 = A11^-1 (B1 - A12 X2), into B1.
 bool back_substitute(Blocks& t)
 {
-    for (int i = 0; i < t.nb; ++i)
-        for (int c = 0; c < t.nrhs; ++c) {
-            double sigma = 0.0;
-            for (int k = 0; k < t.m; ++k)
-                sigma = sigma + t.B2(k, c) * t.E(i, k);
-            t.B1(i, c) = t.B1(i, c) - sigma;
-        }
+    subtract_product(
+        t.B1, t.B2, t.m, [&t](int k, int i) { return t.E(i, k); }, /*upper=*/false);
     return band_solve(t, t.B1);
 }
 
