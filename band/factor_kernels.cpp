@@ -1,10 +1,9 @@
 // KELMATRIX band factorization kernels (internal)
 // Cholesky_factor on a strided view of the upper band, bit for bit as the generic loops.
 //
-// Narrow bands keep the rows of U still needed in a small row-major ring on the stack, so the
-// update of row i runs over contiguous j with the rows k passing in ascending order (below width
-// 16 on pairs, narrow_ring_row.cpp; from 16 on the widest vectors, ring_row_body.h); wider bands
-// take blocks of eight or sixteen columns j of row i together, k ascending (column_block_body.h).
+// Bands up to width 63 take the ring kernel (ring_factor.cpp); wider bands take blocks of eight
+// or sixteen columns j of row i together, k ascending (column_block_body.h), and the whole upper
+// triangle the tiled kernel (tiled_factor_body.h).
 // Either way every U(i, j) takes its terms in ascending k, exactly as the generic loops do: only
 // the work on different j is interleaved, which the distinct addresses of the view make exact.
 #include <algorithm>
@@ -16,56 +15,9 @@ namespace kelmatrix {
 namespace internal {
 namespace {
 
-// Up to this width the ring kernel runs; its ring of 2 (w + 1)^2 doubles then takes at most
-// 2 * 64 * 64 doubles (64 KiB) of stack.
-constexpr int kRingWidth = 63;
-constexpr int kRingDoubles = 2 * (kRingWidth + 1) * (kRingWidth + 1);
-// From this width the rows of the ring kernel run on ring_row_kernel (several vectors of sums).
-constexpr int kWideRow = 16;
 // The column kernel remembers which of the last kMaxDirectWidth + 1 pivots are positive.
 constexpr int kFlagMask = kMaxDirectWidth; // 2^14 - 1
 static_assert((kFlagMask & (kFlagMask + 1)) == 0, "the flag ring's size is a power of two");
-
-// Narrow band: row k of U, U(k, k .. k + w), is kept in a ring of w + 1 slots, each slot stored
-// twice so that the rows i - w .. i - 1 are always contiguous; slots not yet written stand for
-// rows before row 0 and hold a dropped pivot, so every row away from the end runs loops of the
-// same length (fixed at compile time for the widths instantiated). W > 0: the width w, else
-// w = min(bw, n - 1).
-template <int W> int factor_ring(const StridedView& a, int n, int bw, double tol)
-{
-    const int w = W > 0 ? W : std::min(bw, n - 1), R = w + 1;
-    alignas(32) double ring[kRingDoubles];
-    std::fill(ring, ring + 2 * R * R, -1.0);
-    int count = 0;
-    for (int i = 0, si = 0; i < n; ++i, si = si + 1 == R ? 0 : si + 1) {
-        double* const ri = ring + si * R;
-        double* const ri2 = ri + R * R;
-        const double* const window = ri2; // row i - e starts at window - e R
-
-        double d = a(i, i);
-        for (int e = w; e >= 1; --e) { // k = i - e ascending
-            const double* rk = window - e * R;
-            if (rk[0] > 0.0) // strict: dropped (-1) and zero pivots do not contribute
-                d -= rk[e] * rk[e];
-        }
-        if (d < tol) { // dropped pivot; d == tol and NaN are accepted
-            a(i, i) = -1.0;
-            ri[0] = ri2[0] = -1.0;
-            continue;
-        }
-        ++count;
-        const double pivot = std::sqrt(d);
-        a(i, i) = pivot;
-        ri[0] = ri2[0] = pivot;
-        if (w >= kWideRow) // wide enough for several vectors of sums side by side
-            ring_row_kernel(a, i, w, std::min(w, n - 1 - i), pivot, window, ri, ri2);
-        else if (i + w <= n - 1)
-            narrow_ring_row<W, true>(a, i, w, w, pivot, window, ri, ri2);
-        else // the last rows: j stops at n - 1
-            narrow_ring_row<W, false>(a, i, w, n - 1 - i, pivot, window, ri, ri2);
-    }
-    return count;
-}
 
 // Wide band: each block of kBlock columns j of row i (two where they fit) takes its terms from
 // the columns of U together, k ascending. Whether U(k, k) > 0 is kept for the last kFlagMask + 1
@@ -154,28 +106,8 @@ int factor_kernel(const StridedView& a, int n, int bw, double tol)
     if (n <= 0)
         return 0;
     bw = std::min(bw, n); // the loops clamp at 0 and n - 1: wider changes nothing
-    switch (std::min(bw, n - 1)) {
-    case 1:
-        return factor_ring<1>(a, n, bw, tol);
-    case 2:
-        return factor_ring<2>(a, n, bw, tol);
-    case 3:
-        return factor_ring<3>(a, n, bw, tol);
-    case 4:
-        return factor_ring<4>(a, n, bw, tol);
-    case 5:
-        return factor_ring<5>(a, n, bw, tol);
-    case 6:
-        return factor_ring<6>(a, n, bw, tol);
-    case 7:
-        return factor_ring<7>(a, n, bw, tol);
-    case 8:
-        return factor_ring<8>(a, n, bw, tol);
-    default:
-        break;
-    }
     if (std::min(bw, n - 1) <= kRingWidth)
-        return factor_ring<0>(a, n, bw, tol);
+        return ring_factor_kernel(a, n, bw, tol);
     if (bw >= n - 1) // every k from 0: the tiled kernel
         return tiled_factor_kernel(a, n, tol);
     return factor_columns(a, n, bw, tol);

@@ -9,7 +9,7 @@ set(KELMATRIX_BAND_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/factor_kernels.cpp
   ${CMAKE_CURRENT_LIST_DIR}/kernel_table.cpp
   ${CMAKE_CURRENT_LIST_DIR}/kronecker.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/narrow_ring_row.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ring_factor.cpp
   ${CMAKE_CURRENT_LIST_DIR}/vector_kernels_sse2.cpp
   ${CMAKE_CURRENT_LIST_DIR}/vector_kernels_avx2.cpp
   ${CMAKE_CURRENT_LIST_DIR}/vector_kernels_avx512.cpp)
