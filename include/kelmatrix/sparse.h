@@ -36,6 +36,21 @@
 
 #include "kelmatrix/matrix.h"
 
+namespace kelmatrix {
+namespace internal {
+class SolverEngine; // the engine calls both solvers share; not part of the interface
+} // namespace internal
+} // namespace kelmatrix
+
+/// Where a solver's cycle stands; the values are the designed state numbers.
+enum class LSMsolver_state : int {
+    Unset = -1,         ///< default-constructed (or moved from): init() and clear() before factor()
+    Ready = 0,          ///< initialized or cleared: factor() may run
+    RefactorFailed = 1, ///< a refactor() failed: the analysis is held, the factors are not
+    Factored = 2,       ///< factored, not solved yet
+    Solved = 3          ///< solved at least once
+};
+
 /// PARDISO's real matrix types; the values are PARDISO's mtype codes, passed unchanged.
 enum LSMsolver_mattype : int {
     LSM_REAL_STRUCTURALLY_SYMMETRIC = 1,
@@ -256,7 +271,7 @@ public:
     static int mNumThreadsDefault;
 
 private:
-    KELMATRIX_LOCAL int call_pardiso(int phase, int count, double* b, double* x);
+    friend class kelmatrix::internal::SolverEngine;
 
     int n;
     int nrhs;
@@ -264,7 +279,7 @@ private:
     int* ja;   // borrowed from the caller
     double* a; // borrowed from the caller
     LSMsolver_mattype mtype;
-    int state;
+    LSMsolver_state cycle; // the designed state
     int iparm[64];
     void* pt[64];
     int last_error; // PARDISO's error of the last call that reached it

@@ -150,8 +150,8 @@ private:
                                    LSMsolver_mattype mtype, bool on_root);
     KELMATRIX_LOCAL bool all_ranks(bool local) const;
     KELMATRIX_LOCAL bool solve_agreed(bool local_ok, int count, double* b, double* x);
-    KELMATRIX_LOCAL int check_input(int phase);
-    KELMATRIX_LOCAL int call_engine(int phase, int count, double* b, double* x);
+    KELMATRIX_LOCAL int check_input();
+    friend class kelmatrix::internal::SolverEngine;
 
     MPI_Comm comm;
     int n;
@@ -162,7 +162,7 @@ private:
     double* a; // borrowed from the caller
     LSMsolver_mattype mtype;
     bool on_root; // matrix and vectors whole on rank 0
-    int state;
+    LSMsolver_state cycle;
     int iparm[64];
     void* pt[64];
     int last_error; // agreed error of the last call that reached the engine
