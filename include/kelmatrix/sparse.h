@@ -123,7 +123,8 @@ enum LSMsolver_csr_problem : int {
     LSM_CSR_NOT_FINITE,            ///< an infinite or NaN value
     LSM_CSR_BAD_BASE,              ///< LSMsolver_prepare_csr(): base is neither 0 nor 1
     LSM_CSR_OUTSIDE_TRIANGLE, ///< LSMsolver_prepare_csr(): an entry outside the stated triangle
-    LSM_CSR_BAD_ROW_RANGE     ///< LSMsolver_check_csr_rows(): rows not within 1..n, or none
+    LSM_CSR_BAD_ROW_RANGE,    ///< LSMsolver_check_csr_rows(): rows not within 1..n, or none
+    LSM_CSR_ROW_OUT_OF_RANGE  ///< LSMsolver_prepare_csr() from triplets: a row outside 1..n
 };
 
 /// The result of a check: the code, where (1-based row and 1-based position in ja/a; 0 where
@@ -188,6 +189,18 @@ struct LSMsolver_csr {
 /// result (non-finite values, a non-positive diagonal for type 2), which out then holds.
 KELMATRIX_API LSMsolver_csr_check LSMsolver_prepare_csr(int n, const int* ia, const int* ja,
                                                         const double* a, int base,
+                                                        LSMsolver_stored stored,
+                                                        LSMsolver_mattype mtype,
+                                                        LSMsolver_csr& out);
+
+/// The same from nnz triplets (rows[k], cols[k], a[k]) with indices starting at base, in any
+/// order, repeats summed in their input order; stored says which part they hold, as above.
+/// Checked before anything is built: nnz >= 0 (else LSM_CSR_ORDER_BELOW_ONE), non-null arrays when
+/// nnz > 0, each row and column in range (LSM_CSR_ROW_OUT_OF_RANGE, LSM_CSR_COLUMN_OUT_OF_RANGE)
+/// and inside the stated triangle; a problem reports the triplet's 1-based position k + 1 and,
+/// for a column or triangle problem, its 1-based row. Then as above.
+KELMATRIX_API LSMsolver_csr_check LSMsolver_prepare_csr(int n, int nnz, const int* rows,
+                                                        const int* cols, const double* a, int base,
                                                         LSMsolver_stored stored,
                                                         LSMsolver_mattype mtype,
                                                         LSMsolver_csr& out);
