@@ -43,23 +43,25 @@ bool known_type(int mtype)
 // What each rank passes to init(), gathered so that every rank judges the same table.
 enum InitField { kFirst, kLast, kOrder, kNrhs, kRefinement, kType, kHolds, kInitFields };
 
-bool consistent(const std::vector<int>& all, int ranks, bool on_root)
+/// Why init() is refused, judged alike on every rank from the gathered table.
+LSMsolver_refusal init_refusal(const std::vector<int>& all, int ranks, bool on_root)
 {
     const int* root = all.data();
     if (root[kOrder] < 1 || root[kNrhs] < 1 || !known_type(root[kType]))
-        return false;
+        return LSM_REFUSAL_BAD_ARGUMENTS;
+    bool blocks = on_root || all[(ranks - 1) * kInitFields + kLast] == root[kOrder];
     for (int r = 0; r < ranks; ++r) {
         const int* mine = all.data() + r * kInitFields;
-        if (mine[kHolds] != 0 || mine[kOrder] != root[kOrder] || mine[kNrhs] != root[kNrhs] ||
+        if (mine[kHolds] != 0)
+            return LSM_REFUSAL_HOLDS_FACTORIZATION;
+        if (mine[kOrder] != root[kOrder] || mine[kNrhs] != root[kNrhs] ||
             mine[kRefinement] != root[kRefinement] || mine[kType] != root[kType])
-            return false;
-        if (on_root)
-            continue;
+            return LSM_REFUSAL_RANKS_DIFFER;
         const int expected_first = r == 0 ? 1 : all[(r - 1) * kInitFields + kLast] + 1;
         if (mine[kFirst] != expected_first || mine[kLast] < mine[kFirst]) // one row at least
-            return false;
+            blocks = blocks && on_root;
     }
-    return on_root || all[(ranks - 1) * kInitFields + kLast] == root[kOrder];
+    return blocks ? LSM_REFUSAL_NONE : LSM_REFUSAL_BAD_ROW_BLOCKS;
 }
 
 } // namespace
@@ -67,10 +69,27 @@ bool consistent(const std::vector<int>& all, int ranks, bool on_root)
 LSMclusterSolver::LSMclusterSolver()
     : comm(MPI_COMM_NULL), n(0), first(0), last(-1), nrhs(0), ia(nullptr), ja(nullptr), a(nullptr),
       mtype(LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE), on_root(false), cycle(State::Unset),
-      last_error(0), last_phase(0)
+      last_error(0), last_phase(0), memory(nullptr)
 {
     // Filled only so that settings() and diagnostics() read defined values before init().
     SolverEngine::blank(*this);
+}
+
+LSMclusterSolver::LSMclusterSolver(LSMclusterSolver&& src) noexcept : LSMclusterSolver()
+{
+    const LSMclusterSolver unset;
+    SolverEngine::copy_fields(*this, src);
+    SolverEngine::copy_fields(src, unset);
+    comm = src.comm;
+    first = src.first;
+    last = src.last;
+    on_root = src.on_root;
+    problem = src.problem;
+    src.comm = MPI_COMM_NULL; // src now communicates with nobody, as default-constructed
+    src.first = 0;
+    src.last = -1;
+    src.on_root = false;
+    src.problem = LSMclusterSolver_input_problem();
 }
 
 LSMclusterSolver::LSMclusterSolver(MPI_Comm comm, int n, int firstRow, int lastRow, int* ia,
@@ -103,7 +122,8 @@ bool LSMclusterSolver::configure(MPI_Comm comm, int n, int firstRow, int lastRow
                                  double* a, int nrhs, int maxRefinementSteps,
                                  LSMsolver_mattype mtype, bool on_root)
 {
-    if (comm == MPI_COMM_NULL)
+    if (!SolverEngine::admit(*this, comm == MPI_COMM_NULL ? LSM_REFUSAL_NO_COMMUNICATOR
+                                                          : LSM_REFUSAL_NONE))
         return false;
     int rank = 0, ranks = 1;
     MPI_Comm_rank(comm, &rank);
@@ -112,8 +132,9 @@ bool LSMclusterSolver::configure(MPI_Comm comm, int n, int firstRow, int lastRow
         firstRow, lastRow, n, nrhs, maxRefinementSteps, mtype, holds_factorization(cycle) ? 1 : 0};
     std::vector<int> all(static_cast<std::size_t>(kInitFields) * ranks);
     MPI_Allgather(mine, kInitFields, MPI_INT, all.data(), kInitFields, MPI_INT, comm);
-    if (!consistent(all, ranks, on_root))
-        return false; // the same verdict on every rank: all judged the same table
+    // The same verdict on every rank: all judged the same table.
+    if (!SolverEngine::admit(*this, init_refusal(all, ranks, on_root)))
+        return false;
 
     const int threads = LSMsolver::establish_numthreads(0);
     this->comm = comm; // borrowed: valid until clear()
@@ -129,42 +150,45 @@ bool LSMclusterSolver::configure(MPI_Comm comm, int n, int firstRow, int lastRow
     return true;
 }
 
-bool LSMclusterSolver::all_ranks(bool local) const
+LSMsolver_refusal LSMclusterSolver::agree(LSMsolver_refusal local) const
 {
     if (comm == MPI_COMM_NULL) // never initialized: nobody to agree with
         return local;
-    int agreed = local ? 1 : 0;
-    MPI_Allreduce(MPI_IN_PLACE, &agreed, 1, MPI_INT, MPI_MIN, comm);
-    return agreed != 0;
+    int agreed = local; // the greatest reason stands for all: any rank's refusal is every rank's
+    MPI_Allreduce(MPI_IN_PLACE, &agreed, 1, MPI_INT, MPI_MAX, comm);
+    return static_cast<LSMsolver_refusal>(agreed);
 }
 
 bool LSMclusterSolver::factor()
 {
-    if (!all_ranks(may_factor(cycle)))
-        return false;
-    return SolverEngine::factor(*this);
+    return SolverEngine::factor(*this, agree(SolverEngine::factor_refusal(*this)));
 }
 
 bool LSMclusterSolver::refactor()
 {
-    if (!all_ranks(may_refactor(cycle)))
-        return false;
-    return SolverEngine::refactor(*this);
+    return SolverEngine::refactor(*this, agree(SolverEngine::use_refusal(*this, false)));
 }
 
 bool LSMclusterSolver::set_settings(const LSMsolver_settings& settings)
 {
-    bool ok = SolverEngine::may_set(*this, settings) &&
-              settings.ordering != LSM_ORDERING_MINIMUM_DEGREE; // the engine has none
-    if (comm != MPI_COMM_NULL) { // every rank must pass rank 0's settings
+    LSMsolver_refusal why = SolverEngine::settings_refusal(*this, settings);
+    if (why == LSM_REFUSAL_NONE && settings.ordering == LSM_ORDERING_MINIMUM_DEGREE)
+        why = LSM_REFUSAL_BAD_SETTINGS; // the engine has none
+    if (comm != MPI_COMM_NULL) {        // every rank must pass rank 0's settings
         const int mine[4] = {settings.scalingAndMatching ? 1 : 0, settings.pivotPerturbation,
                              settings.ordering, settings.factorStatistics ? 1 : 0};
         int root[4];
         std::memcpy(root, mine, sizeof root);
         MPI_Bcast(root, 4, MPI_INT, 0, comm);
-        ok = all_ranks(ok && std::equal(mine, mine + 4, root));
+        if (why == LSM_REFUSAL_NONE && !std::equal(mine, mine + 4, root))
+            why = LSM_REFUSAL_RANKS_DIFFER;
     }
-    return SolverEngine::set(*this, settings, ok);
+    return SolverEngine::set(*this, settings, agree(why));
+}
+
+LSMsolver_state LSMclusterSolver::state() const
+{
+    return cycle;
 }
 
 LSMsolver_settings LSMclusterSolver::settings() const
@@ -198,16 +222,28 @@ bool LSMclusterSolver::solve(int count, double* b, double* x)
 
 bool LSMclusterSolver::solve_agreed(bool local_ok, int count, double* b, double* x)
 {
-    // One reduction agrees on the state, the local checks and the count (its least and, negated,
-    // its greatest value over the ranks).
-    const bool ok = may_solve(cycle) && local_ok && count >= 0;
-    int agreed[3] = {ok ? 1 : 0, ok ? count : 0, ok ? -count : 0};
+    // One reduction agrees on the reason (the greatest, negated), and on the count (its least
+    // and, negated, its greatest value over the ranks).
+    LSMsolver_refusal why = SolverEngine::use_refusal(*this, true);
+    if (why == LSM_REFUSAL_NONE && (!local_ok || count < 0))
+        why = LSM_REFUSAL_SHAPE;
+    const bool ok = why == LSM_REFUSAL_NONE;
+    int agreed[3] = {-static_cast<int>(why), ok ? count : 0, ok ? -count : 0};
     if (comm != MPI_COMM_NULL)
         MPI_Allreduce(MPI_IN_PLACE, agreed, 3, MPI_INT, MPI_MIN, comm);
-    if (agreed[0] == 0 || agreed[1] != -agreed[2])
-        return false;
+    why = static_cast<LSMsolver_refusal>(-agreed[0]);
+    if (why == LSM_REFUSAL_NONE && agreed[1] != -agreed[2])
+        why = LSM_REFUSAL_RANKS_DIFFER;
     // Each right-hand side is this rank's rows of it: none on the ranks that hold no rows.
-    return SolverEngine::solve(*this, count, last - first + 1, b, x);
+    const LSMsolver_state before = cycle;
+    if (!SolverEngine::solve(*this, why, count, last - first + 1, b, x))
+        return false;
+    // One more reduction: a solution with a NaN or an infinity on any rank is refused on all.
+    MPI_Allreduce(MPI_IN_PLACE, &non_finite, 1, MPI_LONG_LONG, MPI_SUM, comm);
+    if (non_finite == 0)
+        return true;
+    cycle = before; // a refused call leaves the state as it was
+    return SolverEngine::admit(*this, LSM_REFUSAL_NOT_FINITE);
 }
 
 bool LSMclusterSolver::clear()

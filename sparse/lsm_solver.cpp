@@ -17,7 +17,6 @@
 // entries it names. Every call that reaches PARDISO records its error and phase for
 // diagnostics().
 #include <algorithm>
-#include <cstring>
 
 #include "checks/checks.h"
 #include "kelmatrix/sparse.h"
@@ -29,7 +28,8 @@ using namespace kelmatrix::internal;
 
 LSMsolver::LSMsolver()
     : n(0), nrhs(0), ia(nullptr), ja(nullptr), a(nullptr),
-      mtype(LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE), cycle(State::Unset), last_error(0), last_phase(0)
+      mtype(LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE), cycle(State::Unset), last_error(0),
+      last_phase(0), memory(nullptr), initialised(false), refusal(LSM_REFUSAL_NONE), non_finite(0)
 {
     // init() sets both arrays before PARDISO can see them; they are filled here only so that
     // settings() and diagnostics() read defined values before the first init().
@@ -44,7 +44,7 @@ LSMsolver::LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefine
 LSMsolver::LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps,
                      LSMsolver_mattype mtype)
     : n(n), nrhs(nrhs), ia(ia), ja(ja), a(a), mtype(mtype), cycle(State::Ready), last_error(0),
-      last_phase(0)
+      last_phase(0), memory(nullptr), initialised(false), refusal(LSM_REFUSAL_NONE), non_finite(0)
 {
     init(n, ia, ja, a, nrhs, maxRefinementSteps, mtype);
 }
@@ -54,22 +54,23 @@ LSMsolver::~LSMsolver()
     clear();
 }
 
+LSMsolver::LSMsolver(const LSMsolver& src) : LSMsolver()
+{
+    *this = src;
+}
+
+LSMsolver::LSMsolver(LSMsolver&& src) noexcept : LSMsolver()
+{
+    *this = src;
+    src = LSMsolver(); // the temporary is in state -1: destroying it releases nothing
+}
+
 LSMsolver& LSMsolver::operator=(const LSMsolver& src)
 {
     // Deliberate: a bit-for-bit copy, PARDISO's handle included. Both objects then drive one
-    // factorization, and clearing either releases it for both; a factorization held here before
-    // is not released.
-    n = src.n;
-    nrhs = src.nrhs;
-    ia = src.ia;
-    ja = src.ja;
-    a = src.a;
-    mtype = src.mtype;
-    cycle = src.cycle;
-    std::memcpy(iparm, src.iparm, sizeof iparm);
-    std::memcpy(pt, src.pt, sizeof pt);
-    last_error = src.last_error;
-    last_phase = src.last_phase;
+    // factorization and share the record of whether its memory is held, so whichever releases
+    // it second finds it released; a factorization held here before is not released.
+    SolverEngine::copy_fields(*this, src);
     return *this;
 }
 
@@ -77,7 +78,8 @@ bool LSMsolver::init(int n, int* ia, int* ja, double* a, int nrhs, int maxRefine
                      LSMsolver_mattype mtype)
 {
     KELMATRIX_CHECK(solver_init(n, nrhs));
-    if (holds_factorization(cycle)) // a held factorization must be cleared first
+    const bool holds = holds_factorization(cycle); // a held factorization must be cleared first
+    if (!SolverEngine::admit(*this, holds ? LSM_REFUSAL_HOLDS_FACTORIZATION : LSM_REFUSAL_NONE))
         return false;
     const int threads = init_thread_count();
     SolverEngine::adopt(*this, n, ia, ja, a, nrhs, maxRefinementSteps, mtype, threads);
@@ -88,19 +90,28 @@ bool LSMsolver::init(int n, int* ia, int* ja, double* a, int nrhs, int maxRefine
 
 bool LSMsolver::factor()
 {
-    KELMATRIX_CHECK(solver_matrix("LSMsolver::factor", may_factor(cycle), n, ia, ja, a, mtype));
-    return SolverEngine::factor(*this);
+    const LSMsolver_refusal why = SolverEngine::factor_refusal(*this);
+    KELMATRIX_CHECK(
+        solver_matrix("LSMsolver::factor", why == LSM_REFUSAL_NONE, n, ia, ja, a, mtype));
+    return SolverEngine::factor(*this, why);
 }
 
 bool LSMsolver::refactor()
 {
-    KELMATRIX_CHECK(solver_matrix("LSMsolver::refactor", may_refactor(cycle), n, ia, ja, a, mtype));
-    return SolverEngine::refactor(*this);
+    const LSMsolver_refusal why = SolverEngine::use_refusal(*this, false);
+    KELMATRIX_CHECK(
+        solver_matrix("LSMsolver::refactor", why == LSM_REFUSAL_NONE, n, ia, ja, a, mtype));
+    return SolverEngine::refactor(*this, why);
 }
 
 bool LSMsolver::set_settings(const LSMsolver_settings& settings)
 {
-    return SolverEngine::set(*this, settings, SolverEngine::may_set(*this, settings));
+    return SolverEngine::set(*this, settings, SolverEngine::settings_refusal(*this, settings));
+}
+
+LSMsolver_state LSMsolver::state() const
+{
+    return cycle;
 }
 
 LSMsolver_settings LSMsolver::settings() const
@@ -115,20 +126,22 @@ LSMsolver_diagnostics LSMsolver::diagnostics() const
 
 bool LSMsolver::solve(KelMatrix& B, KelMatrix& X)
 {
-    KELMATRIX_CHECK(solver_solve(may_solve(cycle), n, B, X));
-    if (!may_solve(cycle))
+    const LSMsolver_refusal why = SolverEngine::use_refusal(*this, true);
+    KELMATRIX_CHECK(solver_solve(why == LSM_REFUSAL_NONE, n, B, X));
+    if (!SolverEngine::admit(*this, why))
         return false;
     // Deliberate: X must already have B's shape; it is never re-dimensioned.
     if (B.GetColDim() != X.GetColDim() || B.GetRowDim() != X.GetRowDim() || B.GetRowDim() != n)
-        return false;
+        return SolverEngine::admit(*this, LSM_REFUSAL_SHAPE);
     // Columns of B and X are n doubles apart, as in the flat arrays of the other overload.
     return solve(B.GetColDim(), B.GetElements(), X.GetElements());
 }
 
 bool LSMsolver::solve(int count, double* b, double* x)
 {
-    KELMATRIX_CHECK(solver_solve(may_solve(cycle), n, count, b, x));
-    return SolverEngine::solve(*this, count, n, b, x);
+    const LSMsolver_refusal why = SolverEngine::use_refusal(*this, true);
+    KELMATRIX_CHECK(solver_solve(why == LSM_REFUSAL_NONE, n, count, b, x));
+    return SolverEngine::solve(*this, why, count, n, b, x);
 }
 
 bool LSMsolver::clear()

@@ -38,7 +38,8 @@
 
 namespace kelmatrix {
 namespace internal {
-class SolverEngine; // the engine calls both solvers share; not part of the interface
+class SolverEngine;  // the engine calls both solvers share; not part of the interface
+struct SolverMemory; // the record copies share of whether the engine's memory is held
 } // namespace internal
 } // namespace kelmatrix
 
@@ -89,6 +90,25 @@ struct LSMsolver_settings {
     bool factorStatistics = false; ///< PARDISO iparm[17] = -1 on entry
 };
 
+/// Why a solver refused the last call, without reaching the engine (see
+/// LSMsolver_diagnostics::refusal). A refused call changes nothing but this record.
+enum LSMsolver_refusal : int {
+    LSM_REFUSAL_NONE = 0,            ///< the last call was not refused
+    LSM_REFUSAL_NEEDS_CLEAR,         ///< factor() on a default-constructed (or moved-from) solver
+    LSM_REFUSAL_HOLDS_FACTORIZATION, ///< init(), factor() or set_settings() while factored
+    LSM_REFUSAL_NOT_FACTORED,        ///< solve() or refactor() with no factorization
+    LSM_REFUSAL_REFACTOR_FAILED,     ///< solve() after a failed refactor()
+    LSM_REFUSAL_RELEASED_BY_COPY,    ///< solve() or refactor() after a copy released the memory
+    LSM_REFUSAL_NOT_INITIALISED,     ///< set_settings() before this object's init()
+    LSM_REFUSAL_BAD_SETTINGS,        ///< a settings field out of range, or an ordering not offered
+    LSM_REFUSAL_SHAPE,               ///< solve(): B and X differ in shape or do not fit the order
+    LSM_REFUSAL_NO_COMMUNICATOR,     ///< LSMclusterSolver: init with MPI_COMM_NULL
+    LSM_REFUSAL_BAD_ARGUMENTS,       ///< LSMclusterSolver: n < 1, nrhs < 1 or an unknown type
+    LSM_REFUSAL_BAD_ROW_BLOCKS,      ///< LSMclusterSolver: blocks not covering 1..n in rank order
+    LSM_REFUSAL_RANKS_DIFFER,        ///< LSMclusterSolver: ranks passed different values
+    LSM_REFUSAL_NOT_FINITE           ///< LSMclusterSolver: a solution entry is NaN or infinite
+};
+
 /// What PARDISO reported, read after any call (see LSMsolver::diagnostics()).
 struct LSMsolver_diagnostics {
     int error = 0;           ///< PARDISO's error code of the last call that reached it; 0: none
@@ -100,6 +120,11 @@ struct LSMsolver_diagnostics {
     int peakAnalysisMemoryKB = 0;  ///< peak memory of the analysis, KiB
     int peakFactorMemoryKB = 0;    ///< memory held by the factorization and solve, KiB
     long long factorNonzeros = -1; ///< nonzeros in the factor; -1 unless factorStatistics is set
+    LSMsolver_refusal refusal = LSM_REFUSAL_NONE; ///< why the last call was refused, if it was
+    const char* refusalMessage = "";              ///< that reason in words (fixed text, never null)
+    /// NaN or infinite entries in the solutions of the last solve() that reached the engine
+    /// without an error (over all ranks for LSMclusterSolver); 0 before any.
+    long long nonFiniteSolutions = 0;
 };
 
 /// A fixed English description of a PARDISO error code (0 included); never null.
@@ -220,11 +245,22 @@ public:
     /// The same for the given type.
     LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps,
               LSMsolver_mattype mtype);
-    /// clear(): releases PARDISO's memory if a factorization is held, shared copies included.
+    /// clear(): releases PARDISO's memory if a factorization is held and no copy released it.
     ~LSMsolver();
 
+    /// Deliberate: copies every field, PARDISO's handle included, as operator= does.
+    LSMsolver(const LSMsolver& src);
+    /// Takes src's factorization, handle and arrays; src is left as default-constructed (state
+    /// -1, handle zeroed), so destroying it releases nothing. What std::vector's growth and
+    /// return by value use.
+    LSMsolver(LSMsolver&& src) noexcept;
     /// Deliberate: copies every field, PARDISO's handle included, so both objects share one
-    /// factorization and clearing either releases it for both.
+    /// factorization and the record of whether its memory is held: after either is cleared or
+    /// destroyed, solve() and refactor() on the other return false (LSM_REFUSAL_RELEASED_BY_COPY)
+    /// without touching the released memory, and its clear() releases nothing again. A
+    /// factorization held here before is not released. Assignment from a temporary copies too
+    /// (there is no move assignment): `t = s; s = LSMsolver();` detaches s, leaving t the owner.
+    /// So in a container, growth moves elements while erase, insert and sort assign them.
     LSMsolver& operator=(const LSMsolver& src);
 
     /// (Re)configures: borrows the arrays, sets the control parameters, decides the thread count
@@ -259,15 +295,19 @@ public:
     /// other state.
     bool refactor();
     /// Applies the opt-in settings for the next factor(); init() resets them to the defaults.
-    /// False, changing nothing, when a factorization is held (clear() and init() first) or a
-    /// field is out of range (an ordering not in LSMsolver_ordering, pivotPerturbation outside
-    /// 1..20).
+    /// False, changing nothing, before init() has run on this object (or a copy's source), when a
+    /// factorization is held (clear() and init() first) or a field is out of range (an ordering
+    /// not in LSMsolver_ordering, pivotPerturbation outside 1..20).
     bool set_settings(const LSMsolver_settings& settings);
+    /// Where the cycle stands (the designed state numbers; see LSMsolver_state).
+    LSMsolver_state state() const;
     /// The settings now in force (after init(), before any set_settings(): the defaults).
     LSMsolver_settings settings() const;
     /// What PARDISO reported: the error and phase of the last call that reached it, and the
-    /// statistics of the last analysis, factorization and solve. Readable in every state; the
-    /// statistics persist until init() resets them.
+    /// statistics of the last analysis, factorization and solve; why the last call was refused,
+    /// if it was (every call but clear() may refuse, and each one that is not clears the
+    /// record); the count of non-finite solution entries, which leaves solve()'s result as it is.
+    /// Readable in every state; the statistics persist until init() resets them.
     LSMsolver_diagnostics diagnostics() const;
 
     /// Releases PARDISO's memory if a factorization is held; always true. Afterwards init() may
@@ -295,8 +335,12 @@ private:
     LSMsolver_state cycle; // the designed state
     int iparm[64];
     void* pt[64];
-    int last_error; // PARDISO's error of the last call that reached it
-    int last_phase; // and that call's phase
+    int last_error;                            // PARDISO's error of the last call that reached it
+    int last_phase;                            // and that call's phase
+    kelmatrix::internal::SolverMemory* memory; // shared by copies: is the memory still held?
+    bool initialised;                          // init() has run on this object
+    LSMsolver_refusal refusal;                 // why the last call was refused
+    long long non_finite;                      // non-finite entries in the last solutions
 };
 
 #endif
