@@ -37,6 +37,8 @@ const char* const kRules[] = {
     "entry outside the stated triangle",
     "the block of rows must lie within 1..n and hold at least one row",
     "row index outside 1..n",
+    "count must not be negative; x, y and b not null (count > 0) and x not the same array as y",
+    "MKL's sparse BLAS reported an error",
 };
 constexpr int kRuleCount = static_cast<int>(sizeof kRules / sizeof kRules[0]);
 

@@ -147,9 +147,11 @@ enum LSMsolver_csr_problem : int {
     LSM_CSR_NONPOSITIVE_DIAGONAL,  ///< a diagonal value <= 0 for type 2
     LSM_CSR_NOT_FINITE,            ///< an infinite or NaN value
     LSM_CSR_BAD_BASE,              ///< LSMsolver_prepare_csr(): base is neither 0 nor 1
-    LSM_CSR_OUTSIDE_TRIANGLE, ///< LSMsolver_prepare_csr(): an entry outside the stated triangle
-    LSM_CSR_BAD_ROW_RANGE,    ///< LSMsolver_check_csr_rows(): rows not within 1..n, or none
-    LSM_CSR_ROW_OUT_OF_RANGE  ///< LSMsolver_prepare_csr() from triplets: a row outside 1..n
+    LSM_CSR_OUTSIDE_TRIANGLE,  ///< LSMsolver_prepare_csr(): an entry outside the stated triangle
+    LSM_CSR_BAD_ROW_RANGE,     ///< LSMsolver_check_csr_rows(): rows not within 1..n, or none
+    LSM_CSR_ROW_OUT_OF_RANGE,  ///< LSMsolver_prepare_csr() from triplets: a row outside 1..n
+    LSM_CSR_BAD_VECTORS,       ///< LSMsolver_multiply(): count < 0, or null or overlapping x, y
+    LSM_CSR_SPARSE_BLAS_FAILED ///< LSMsolver_multiply(): MKL's sparse BLAS reported an error
 };
 
 /// The result of a check: the code, where (1-based row and 1-based position in ja/a; 0 where
@@ -229,6 +231,28 @@ KELMATRIX_API LSMsolver_csr_check LSMsolver_prepare_csr(int n, int nnz, const in
                                                         LSMsolver_stored stored,
                                                         LSMsolver_mattype mtype,
                                                         LSMsolver_csr& out);
+
+/// y = A x for count vectors of n doubles each (one after another in x and y) and the compressed
+/// rows LSMsolver takes for mtype: for types 2 and -2 the upper triangle stands for the whole
+/// symmetric matrix, for types 1 and 11 the rows are the whole matrix. The arrays are first
+/// judged by LSMsolver_check_csr() (nnz = ia[n] - 1), so malformed input never reaches MKL's
+/// sparse BLAS, which computes the product (its rounding may differ with MKL's thread count).
+/// Returns that check's problem, or LSM_CSR_BAD_VECTORS (count < 0, x or y null with count > 0,
+/// x == y), or LSM_CSR_SPARSE_BLAS_FAILED; y is written only when the result is LSM_CSR_OK.
+KELMATRIX_API LSMsolver_csr_check LSMsolver_multiply(int n, const int* ia, const int* ja,
+                                                     const double* a, LSMsolver_mattype mtype,
+                                                     int count, const double* x, double* y);
+
+/// ratio = ||B - A X||_1 / (||A||_1 ||X||_1 n eps) for count solutions x of A x = b (n doubles
+/// each, one after another), with 1-norms of the n x count matrices (largest column sum) and
+/// A X by LSMsolver_multiply(): what to check after LSMsolver::solve(). A backward-stable
+/// solution gives a ratio of order 1 (tests accept up to 30 or so); 0 when b equals A x
+/// exactly, infinite when the denominator is 0 otherwise. Returns LSMsolver_multiply()'s
+/// result (b null counts as LSM_CSR_BAD_VECTORS); ratio is written only on LSM_CSR_OK.
+KELMATRIX_API LSMsolver_csr_check LSMsolver_residual_ratio(int n, const int* ia, const int* ja,
+                                                           const double* a, LSMsolver_mattype mtype,
+                                                           int count, const double* x,
+                                                           const double* b, double& ratio);
 
 /// Sparse direct solver over PARDISO for a matrix in 1-based compressed-row form borrowed from
 /// the caller: factor once, solve any number of times in batches of nrhs, clear. Calls out of
