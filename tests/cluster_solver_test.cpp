@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <mpi.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <random>
@@ -516,6 +517,59 @@ TEST_F(LSMclusterSolverTest, AGrowingVectorOfFactoredSolvers)
     EXPECT_EQ(solvers[2].state(), LSMsolver_state::Unset);
     EXPECT_EQ(solvers[2].first_row(), 0);
     EXPECT_TRUE(moved.solve(1, b_part.data(), x_part.data()));
+}
+
+// The even split covers 1..n in rank order, blocks differing by one row at most; the gather puts
+// a solve's distributed solutions whole on rank 0, and refuses on every rank what does not tile.
+TEST_F(LSMclusterSolverTest, SplitRowsAndGatherTheSolution)
+{
+    for (const int n : {1, 7, 64, 1000})
+        for (int ranks = 1; ranks <= 9; ++ranks) {
+            int expected_first = 1, smallest = n, largest = 0;
+            for (int r = 0; r < ranks; ++r) {
+                int first = -5, last = -5;
+                const bool split = LSMclusterSolver_split_rows(n, ranks, r, first, last);
+                ASSERT_EQ(split, n >= ranks) << n << " over " << ranks;
+                if (!split) {
+                    EXPECT_EQ(first, -5);
+                    continue;
+                }
+                EXPECT_EQ(first, expected_first);
+                smallest = std::min(smallest, last - first + 1);
+                largest = std::max(largest, last - first + 1);
+                expected_first = last + 1;
+            }
+            if (n >= ranks) {
+                EXPECT_TRUE(expected_first == n + 1 && largest - smallest <= 1)
+                    << n << ", " << ranks;
+            }
+        }
+    int first = 0, last = 0;
+    EXPECT_FALSE(LSMclusterSolver_split_rows(5, 2, 2, first, last) ||
+                 LSMclusterSolver_split_rows(5, 0, 0, first, last));
+
+    kt::Csr A = laplacian3d(6);
+    ASSERT_TRUE(LSMclusterSolver_split_rows(A.n, g_ranks, g_rank, first, last));
+    Block mine = rows_of(A, first, last);
+    const std::vector<double> b = kt::random_dense(rng, A.n, 2).v;
+    std::vector<double> b_part = local_part(b, A.n, 2, mine), x_part(b_part.size());
+    LSMclusterSolver s(MPI_COMM_WORLD, A.n, first, last, mine.ia.data(), mine.ja.data(),
+                       mine.a.data(), 2, 0, kSpd);
+    ASSERT_TRUE(s.factor() && s.solve(2, b_part.data(), x_part.data()));
+    std::vector<double> whole(g_rank == 0 ? b.size() : 0, -1.0);
+    ASSERT_TRUE(LSMclusterSolver_gather(MPI_COMM_WORLD, A.n, first, last, 2, x_part.data(),
+                                        g_rank == 0 ? whole.data() : nullptr));
+    const std::vector<double> reference = gathered(x_part, A.n, 2, mine); // collective
+    if (g_rank == 0) {
+        EXPECT_EQ(whole, reference); // the tests' own gather, bit for bit
+    }
+    EXPECT_FALSE(LSMclusterSolver_gather(MPI_COMM_WORLD, A.n, first, last, 1 + g_rank,
+                                         x_part.data(), whole.data()) &&
+                 g_ranks > 1);
+    EXPECT_FALSE(LSMclusterSolver_gather(MPI_COMM_WORLD, A.n + 1, first, last, 1, x_part.data(),
+                                         whole.data()));
+    EXPECT_FALSE(LSMclusterSolver_gather(MPI_COMM_WORLD, A.n, first, last, 1, x_part.data(),
+                                         nullptr)); // rank 0 has nowhere to put them
 }
 
 // Rank 0 prints GoogleTest's report; the others print only what fails, marked with their rank.

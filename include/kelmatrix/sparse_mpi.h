@@ -186,4 +186,20 @@ private:
     long long non_finite;      // non-finite entries in the last solutions, over all ranks
 };
 
+/// The block of rows rank `rank` of `ranks` takes when n rows are split evenly in rank order, as
+/// init() takes blocks: firstRow..lastRow, 1-based, the first n % ranks ranks one row more than
+/// the others. False, writing nothing, when ranks < 1, rank is outside 0..ranks-1 or n < ranks
+/// (a rank would hold no row, which init() refuses). Not collective; no MPI call.
+KELMATRIX_MPI_API bool LSMclusterSolver_split_rows(int n, int ranks, int rank, int& firstRow,
+                                                   int& lastRow);
+
+/// Collective: gathers count distributed vectors, on each rank its rows firstRow..lastRow of
+/// each one after another (as LSMclusterSolver::solve() writes x), into whole on rank 0 (n
+/// doubles a vector, one after another); whole is not touched elsewhere and may be null there.
+/// False on every rank, whole untouched, when comm is MPI_COMM_NULL (on that rank alone), the
+/// blocks do not cover 1..n in rank order with one row each at least, the ranks pass different
+/// n or count, count < 0, or part (count > 0) or rank 0's whole is null.
+KELMATRIX_MPI_API bool LSMclusterSolver_gather(MPI_Comm comm, int n, int firstRow, int lastRow,
+                                               int count, const double* part, double* whole);
+
 #endif
