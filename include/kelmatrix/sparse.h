@@ -7,7 +7,8 @@
 // it sets KMP_DUPLICATE_LIB_OK=TRUE in the process environment so that MKL's OpenMP runtime
 // tolerates another copy already loaded in the host.
 //
-// The caller's duties, which nothing checks:
+// The caller's duties, which the normal build does not check (the checked build does, and
+// LSMsolver_check_csr() on request):
 //  - ia (n+1 entries), ja and a use 1-based indices, each row's column indices sorted
 //    ascending, and stay alive and unchanged from factor() until clear(): the solver borrows
 //    them (PARDISO reads them again when solving), never copies or frees them;
@@ -15,9 +16,10 @@
 //    entry (an explicit 0.0 where the matrix has none); for types 1 and 11 pass the whole
 //    matrix (for type 1 its pattern must be symmetric);
 //  - assignment and copy construction are shallow: both objects then share one PARDISO
-//    handle, and clearing or destroying either releases PARDISO's memory for both. Before the
-//    other one is used or destroyed, assign it an unfactored solver: its own clear() would
-//    release the memory a second time;
+//    handle. Clearing or destroying either releases PARDISO's memory once; the other then
+//    refuses to solve or refactor (LSM_REFUSAL_RELEASED_BY_COPY) and its own clear() releases
+//    nothing. Solvers move (std::vector growth, return by value keep the factorization);
+//    element assignment in a container (erase, insert in the middle, sort) copies shallowly;
 //  - a true result means PARDISO reported no error, not that the solution is accurate. By default
 //    PARDISO's scaling and weighted matching stay off, so matrices with many zero or tiny
 //    diagonal entries (KKT systems, some unsymmetric ones) may get perturbed pivots and poor or
@@ -155,11 +157,11 @@ enum LSMsolver_csr_problem : int {
 };
 
 /// The result of a check: the code, where (1-based row and 1-based position in ja/a; 0 where
-/// the rule concerns the whole matrix or ia alone) and the rule in words (fixed text, never
+/// the rule concerns the whole matrix or ia[0]) and the rule in words (fixed text, never
 /// null, never printed by the library).
 struct LSMsolver_csr_check {
     LSMsolver_csr_problem code = LSM_CSR_OK; ///< the first broken rule
-    int row = 0;                             ///< its 1-based row; 0: the whole matrix or ia
+    int row = 0; ///< its 1-based row (for ia[row] < ia[row - 1] that row, for ia[n] n); 0: none
     int position = 0;                        ///< its 1-based index into ja and a; 0: none
     const char* message = "";                ///< the rule in words
 };

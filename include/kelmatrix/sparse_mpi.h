@@ -44,7 +44,7 @@
 //    LSM_REFUSAL_NOT_FINITE, x holding what the engine wrote, and the state as it was. Use type
 //    -2 when definiteness is not known.
 //
-// The caller's duties, which nothing checks: the communicator and the borrowed arrays stay valid
+// The caller's duties, which no build checks: the communicator and the borrowed arrays stay valid
 // and unchanged from factor() until clear() (the engine reads them again); every rank passes the
 // same n, nrhs, maxRefinementSteps, type and settings (init() and set_settings() refuse on every
 // rank when they differ) and the same count to solve(); the solver is cleared or destroyed before
