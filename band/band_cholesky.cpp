@@ -13,9 +13,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include "band/band_checks.h"
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
-#include "checks/checks.h"
 #include "kelmatrix/band.h"
 
 namespace kelmatrix {

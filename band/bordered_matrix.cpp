@@ -11,8 +11,8 @@
 #include <cstring>
 #include <utility>
 
-#include "checks/checks.h"
 #include "kelmatrix/band.h"
+#include "matrix/matrix_checks.h"
 #include "matrix/storage_access.h"
 
 KelMatrixBordered::KelMatrixBordered() : borderSize(0), outside(0.0)

@@ -13,9 +13,9 @@
 // only; the band block's count is discarded.
 #include <algorithm>
 
+#include "band/band_checks.h"
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
-#include "checks/checks.h"
 #include "kelmatrix/band.h"
 
 using namespace kelmatrix::internal;

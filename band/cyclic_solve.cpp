@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "checks/checks.h"
+#include "band/band_checks.h"
 #include "kelmatrix/band.h"
 #include "matrix/mkl_bindings.h"
 

@@ -11,7 +11,7 @@
 #include <cmath>
 
 #include "band/direct_kernels.h"
-#include "band/simd_pair.h"
+#include "band/simd.h"
 
 // The partial sums of a row are written one by one and read back on the next row's critical
 // path; GCC's straight-line vectorizer would read pairs of them with one wide load, which the
@@ -26,6 +26,10 @@
 namespace kelmatrix {
 namespace internal {
 namespace {
+
+using Pair = simd::Vec<2>;
+using simd::load;
+using simd::store;
 
 // Up to this width the ring kernel runs; its ring of 2 (w + 1)^2 doubles then takes at most
 // 2 * 64 * 64 doubles (64 KiB) of stack.
@@ -47,7 +51,7 @@ KEL_SCALAR_SUMS void factor_row(const StridedView& a, int i, int w_runtime, int 
 {
     constexpr int kBlock = 8;
     const int w = W > 0 ? W : w_runtime, R = w + 1, jl = Full ? w : jl_runtime;
-    const Pair p = splat(pivot);
+    const Pair p = simd::splat<Pair>(pivot);
     for (int t0 = 1; t0 <= jl; t0 += kBlock) {
         const int tb = std::min(kBlock, jl - t0 + 1);
         double acc[kBlock];
@@ -71,18 +75,18 @@ KEL_SCALAR_SUMS void factor_row(const StridedView& a, int i, int w_runtime, int 
             for (; e >= 1; --e) {
                 const double* rk = window - e * R;
                 if (rk[0] > 0.0) {
-                    const Pair f = splat(rk[e]);
+                    const Pair f = simd::splat<Pair>(rk[e]);
                     const double* x = rk + e + t0;
-                    s0 -= load_pair(x) * f;
-                    s1 -= load_pair(x + 2) * f;
-                    s2 -= load_pair(x + 4) * f;
-                    s3 -= load_pair(x + 6) * f;
+                    s0 -= load<Pair>(x) * f;
+                    s1 -= load<Pair>(x + 2) * f;
+                    s2 -= load<Pair>(x + 4) * f;
+                    s3 -= load<Pair>(x + 6) * f;
                 }
             }
             const Pair u[4] = {s0 / p, s1 / p, s2 / p, s3 / p};
             for (int v = 0; v < 4; ++v) {
-                store_pair(ri + t0 + 2 * v, u[v]);
-                store_pair(ri2 + t0 + 2 * v, u[v]);
+                store(ri + t0 + 2 * v, u[v]);
+                store(ri2 + t0 + 2 * v, u[v]);
                 a(i, i + t0 + 2 * v) = u[v][0];
                 a(i, i + t0 + 2 * v + 1) = u[v][1];
             }

@@ -20,16 +20,19 @@
 // matrices released on every path.
 #include <algorithm>
 
+#include "band/band_checks.h"
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
-#include "band/simd_pair.h"
-#include "checks/checks.h"
+#include "band/kronecker_widths.h"
+#include "band/simd.h"
 #include "kelmatrix/band.h"
 #include "kelmatrix/dense.h"
 
 using namespace kelmatrix::internal;
 
 namespace {
+
+using Pair = simd::Vec<2>;
 
 // dst(j, i) = src(i, j) for i < rows, j < cols (column-major, leading dimensions lds and ldd),
 // in square tiles so that both sides stay in cache; inside a tile two rows of src at a time
@@ -45,10 +48,11 @@ void transpose(const double* src, long long lds, double* dst, long long ldd, int
             for (; i + 1 < i1; i += 2) {
                 int j = j0;
                 for (; j + 1 < j1; j += 2) {
-                    const Pair a = load_pair(src + i + j * lds);       // src(i, j), src(i+1, j)
-                    const Pair b = load_pair(src + i + (j + 1) * lds); // src(i, j+1), src(i+1, j+1)
-                    store_pair(dst + j + i * ldd, Pair{a[0], b[0]});
-                    store_pair(dst + j + (i + 1) * ldd, Pair{a[1], b[1]});
+                    const Pair a = simd::load<Pair>(src + i + j * lds); // src(i, j), src(i+1, j)
+                    const Pair b =
+                        simd::load<Pair>(src + i + (j + 1) * lds); // src(i, j+1), src(i+1, j+1)
+                    simd::store(dst + j + i * ldd, Pair{a[0], b[0]});
+                    simd::store(dst + j + (i + 1) * ldd, Pair{a[1], b[1]});
                 }
                 if (j < j1) {
                     dst[j + i * ldd] = src[i + j * lds];
@@ -223,22 +227,15 @@ void kronecker_lower_substitute(int w1, int w2, KelGenericMatrix& U1, KelGeneric
                                 KelMatrix& X)
 {
     KELMATRIX_CHECK(kronecker_substitution("kronecker_lower_substitute", false, w1, w2, U1, U2, X));
-    const int p = U1.GetRowDim(), q = U2.GetRowDim();
-    if (w1 <= 0)
-        w1 = p;
-    if (w2 <= 0)
-        w2 = q;
-    substitute<true>(w1, w2, U1, U2, X);
+    const KroneckerWidths w = kronecker_widths(false, w1, w2, U1.GetRowDim(), U2.GetRowDim());
+    substitute<true>(w.w1, w.w2, U1, U2, X);
 }
 
 void kronecker_upper_substitute(int w1, int w2, KelGenericMatrix& U1, KelGenericMatrix& U2,
                                 KelMatrix& X)
 {
     KELMATRIX_CHECK(kronecker_substitution("kronecker_upper_substitute", true, w1, w2, U1, U2, X));
-    const int p = U1.GetRowDim();
-    if (w1 <= 0)
-        w1 = p;
-    if (w2 <= 0)
-        w2 = p; // Deliberate: U1's order, not U2's as in the lower; positive widths never see it
-    substitute<false>(w1, w2, U1, U2, X);
+    // Deliberate: w2 <= 0 resolves to U1's order here, to U2's in the lower substitution.
+    const KroneckerWidths w = kronecker_widths(true, w1, w2, U1.GetRowDim(), U2.GetRowDim());
+    substitute<false>(w.w1, w.w2, U1, U2, X);
 }

@@ -1,8 +1,6 @@
 // KELMATRIX tiled dense factorization, one instruction set (internal)
-// Included once per instruction set by tiled_factor*.cpp, which define
-//   KEL_ISA_NS      the namespace of this copy (sse2, avx2, avx512),
-//   KEL_ISA_TARGET  the function attribute that enables it (empty for the baseline),
-//   KEL_ISA_WIDTH   doubles per vector (2, 4, 8).
+// Included once per instruction set by vector_kernels.h (KEL_ISA_NS, KEL_ISA_TARGET and
+// KEL_ISA_WIDTH as described there).
 //
 // Cholesky_factor of the whole upper triangle (every k from 0), bit for bit as the generic
 // loops: element (i, j) starts from A(i, j), subtracts U(k, j) U(k, i) for every k < i with
@@ -20,16 +18,18 @@
 // Scratch: fixed arrays on the stack (about 72 KiB), no allocation.
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 
 #include "band/direct_route.h"
+#include "band/simd.h"
 
 namespace kelmatrix {
 namespace internal {
 namespace KEL_ISA_NS {
 namespace {
 
-typedef double Vec __attribute__((vector_size(KEL_ISA_WIDTH * sizeof(double))));
+using Vec = simd::Vec<KEL_ISA_WIDTH>;
+using simd::load;
+using simd::store;
 
 constexpr int kL = KEL_ISA_WIDTH; // doubles per vector
 constexpr int kMr = 4;            // rows of a register tile
@@ -40,18 +40,6 @@ constexpr int kNc = 64;           // columns of a tile (a multiple of kNr on eve
 constexpr int kKc = 128;          // rows k packed at a time
 static_assert(kNc % kNr == 0 && kNb % kMr == 0 && kNb <= kNc, "tile shapes");
 
-KEL_ISA_TARGET inline Vec load(const double* p)
-{
-    Vec v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-KEL_ISA_TARGET inline void store(double* p, Vec v)
-{
-    std::memcpy(p, &v, sizeof v);
-}
-
 // kMr rows by kNr columns of the scratch at s (row stride kNc) minus the products of kc packed
 // rows k: ap holds U(k, i) kMr a row, bp holds U(k, j) kNr a row, both in ascending k.
 KEL_ISA_TARGET void register_tile(double* s, const double* ap, const double* bp, int kc)
@@ -59,11 +47,11 @@ KEL_ISA_TARGET void register_tile(double* s, const double* ap, const double* bp,
     Vec acc[kMr][kNv];
     for (int r = 0; r < kMr; ++r)
         for (int v = 0; v < kNv; ++v)
-            acc[r][v] = load(s + r * kNc + v * kL);
+            acc[r][v] = load<Vec>(s + r * kNc + v * kL);
     for (int kk = 0; kk < kc; ++kk) {
         Vec b[kNv];
         for (int v = 0; v < kNv; ++v)
-            b[v] = load(bp + kk * kNr + v * kL);
+            b[v] = load<Vec>(bp + kk * kNr + v * kL);
         for (int r = 0; r < kMr; ++r) {
             const double f = ap[kk * kMr + r];
             for (int v = 0; v < kNv; ++v)
@@ -79,13 +67,13 @@ KEL_ISA_TARGET void register_tile(double* s, const double* ap, const double* bp,
 KEL_ISA_TARGET inline void subtract_row(double* row, const double* src, double f)
 {
     for (int c = 0; c < kNc; c += kL)
-        store(row + c, load(row + c) - load(src + c) * f);
+        store(row + c, load<Vec>(row + c) - load<Vec>(src + c) * f);
 }
 
 KEL_ISA_TARGET inline void divide_row(double* row, double pivot)
 {
     for (int c = 0; c < kNc; c += kL)
-        store(row + c, load(row + c) / pivot);
+        store(row + c, load<Vec>(row + c) / pivot);
 }
 
 } // namespace

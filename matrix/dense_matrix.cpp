@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "checks/checks.h"
+#include "matrix_checks.h"
 #include "storage_access.h"
 
 using kelmatrix::internal::StorageAccess;

@@ -14,7 +14,7 @@
 #include <new>
 #include <utility>
 
-#include "checks/checks.h"
+#include "matrix_checks.h"
 #include "storage_access.h"
 
 namespace {

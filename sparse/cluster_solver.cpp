@@ -17,6 +17,7 @@
 
 #include "kelmatrix/sparse_mpi.h"
 #include "matrix/mkl_bindings.h"
+#include "sparse/matrix_type.h"
 #include "sparse/solver_engine.h"
 
 using namespace kelmatrix::internal;
@@ -32,13 +33,6 @@ constexpr int kIparmDomainLast = 41;  // last row of this rank's block
 constexpr int kFormatOnRoot = 0, kFormatDistributed = 2;
 
 constexpr int kInputInconsistent = -1; // the engine's code for inconsistent input
-
-bool known_type(int mtype)
-{
-    return mtype == LSM_REAL_STRUCTURALLY_SYMMETRIC ||
-           mtype == LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE ||
-           mtype == LSM_REAL_SYMMETRIC_INDEFINITE || mtype == LSM_REAL_UNSYMMETRIC;
-}
 
 // What each rank passes to init(), gathered so that every rank judges the same table.
 enum InitField { kFirst, kLast, kOrder, kNrhs, kRefinement, kType, kHolds, kInitFields };

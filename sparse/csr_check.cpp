@@ -15,6 +15,10 @@
 #include <vector>
 
 #include "kelmatrix/sparse.h"
+#include "sparse/matrix_type.h"
+
+using kelmatrix::internal::known_type;
+using kelmatrix::internal::symmetric_type;
 
 namespace {
 
@@ -45,18 +49,6 @@ constexpr int kRuleCount = static_cast<int>(sizeof kRules / sizeof kRules[0]);
 LSMsolver_csr_check problem(LSMsolver_csr_problem code, int row, int position)
 {
     return {code, row, position, kRules[code]};
-}
-
-bool known_type(int mtype)
-{
-    return mtype == LSM_REAL_STRUCTURALLY_SYMMETRIC ||
-           mtype == LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE ||
-           mtype == LSM_REAL_SYMMETRIC_INDEFINITE || mtype == LSM_REAL_UNSYMMETRIC;
-}
-
-bool symmetric_type(int mtype)
-{
-    return mtype == LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE || mtype == LSM_REAL_SYMMETRIC_INDEFINITE;
 }
 
 /// The row pointers of `rows` rows with indices from base: first base, never decreasing, last

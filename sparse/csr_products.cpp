@@ -12,6 +12,9 @@
 #include "kelmatrix/sparse.h"
 #include "matrix/mkl_bindings.h"
 #include "matrix/pattern_product.h"
+#include "sparse/matrix_type.h"
+
+using kelmatrix::internal::symmetric_type;
 
 namespace {
 
@@ -29,11 +32,6 @@ LSMsolver_csr_check check_matrix(int n, const int* ia, const int* ja, const doub
 {
     const int nnz = n >= 1 && ia != nullptr ? ia[n] - 1 : 0;
     return LSMsolver_check_csr(n, ia, ja, a, nnz, mtype);
-}
-
-bool symmetric_type(LSMsolver_mattype mtype)
-{
-    return mtype == LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE || mtype == LSM_REAL_SYMMETRIC_INDEFINITE;
 }
 
 /// ||A||_1 of the whole matrix the rows stand for (the mirrored half of a symmetric type too).

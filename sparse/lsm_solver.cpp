@@ -18,10 +18,10 @@
 // diagnostics().
 #include <algorithm>
 
-#include "checks/checks.h"
 #include "kelmatrix/sparse.h"
 #include "matrix/mkl_bindings.h"
 #include "sparse/solver_engine.h"
+#include "sparse/sparse_checks.h"
 #include "sparse/thread_policy.h"
 
 using namespace kelmatrix::internal;
