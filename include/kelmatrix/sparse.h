@@ -162,8 +162,8 @@ enum LSMsolver_csr_problem : int {
 struct LSMsolver_csr_check {
     LSMsolver_csr_problem code = LSM_CSR_OK; ///< the first broken rule
     int row = 0; ///< its 1-based row (for ia[row] < ia[row - 1] that row, for ia[n] n); 0: none
-    int position = 0;                        ///< its 1-based index into ja and a; 0: none
-    const char* message = "";                ///< the rule in words
+    int position = 0;         ///< its 1-based index into ja and a; 0: none
+    const char* message = ""; ///< the rule in words
 };
 
 /// Validates the compressed rows (n, ia with n + 1 entries, ja and a with nnz entries) against
@@ -305,7 +305,9 @@ public:
     /// then hold the batches that succeeded).
     bool solve(KelMatrix& B, KelMatrix& X);
     /// Solves count right-hand sides of length n stored one after another in b into x (n*count
-    /// doubles each; nothing is checked). b is not modified. False before factor() or on a
+    /// doubles each; the normal build checks nothing). b is not modified. x must not be b: PARDISO
+    /// reads b while it writes x, and solving in place gives wrong solutions for n > 1 (the
+    /// checked build reports it). False before factor() or on a
     /// PARDISO error (x may then hold the batches that succeeded).
     /// Batching is PARDISO's matter: its first solve with nrhs > 1 after a factorization pays
     /// a one-off set-up, small batches (8) are no faster than single calls on one thread, large
