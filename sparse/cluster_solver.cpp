@@ -180,11 +180,6 @@ bool LSMclusterSolver::set_settings(const LSMsolver_settings& settings)
     return SolverEngine::set(*this, settings, agree(why));
 }
 
-LSMsolver_state LSMclusterSolver::state() const
-{
-    return cycle;
-}
-
 LSMsolver_settings LSMclusterSolver::settings() const
 {
     return SolverEngine::settings(*this);
@@ -244,6 +239,11 @@ bool LSMclusterSolver::clear()
 {
     SolverEngine::clear(*this);
     return true;
+}
+
+LSMsolver_state LSMclusterSolver::state() const
+{
+    return cycle;
 }
 
 int LSMclusterSolver::first_row() const
