@@ -546,7 +546,7 @@ TEST_F(LSMsolverTest, MovesKeepTheFactorizationAndCopiesReleaseItOnce)
 // Every refusal of LSMsolver records its reason; the next call that goes ahead clears it.
 TEST_F(LSMsolverTest, EachRefusalRecordsItsReason)
 {
-    double b[2] = {8.0, 4.0}, x[2] = {0.0, 0.0};
+    double b[2] = {8.0, 4.0}, sol[2] = {0.0, 0.0};
     const auto reason = [](const LSMsolver& s) { return s.diagnostics().refusal; };
     LSMsolver s;
     LSMsolver_settings bad;
@@ -561,7 +561,7 @@ TEST_F(LSMsolverTest, EachRefusalRecordsItsReason)
     EXPECT_FALSE(s.set_settings(bad));
     EXPECT_EQ(reason(s), LSM_REFUSAL_BAD_SETTINGS);
     EXPECT_TRUE(s.clear());
-    EXPECT_FALSE(s.solve(1, b, x));
+    EXPECT_FALSE(s.solve(1, b, sol));
     EXPECT_EQ(reason(s), LSM_REFUSAL_NOT_FACTORED);
     EXPECT_FALSE(s.refactor());
     EXPECT_EQ(reason(s), LSM_REFUSAL_NOT_FACTORED);
@@ -584,19 +584,19 @@ TEST_F(LSMsolverTest, EachRefusalRecordsItsReason)
     EXPECT_EQ(reason(s), LSM_REFUSAL_NONE); // refused by PARDISO, not by the solver
     EXPECT_NE(s.diagnostics().error, 0);
     EXPECT_EQ(s.state(), LSMsolver_state::RefactorFailed);
-    EXPECT_FALSE(s.solve(1, b, x));
+    EXPECT_FALSE(s.solve(1, b, sol));
     EXPECT_EQ(reason(s), LSM_REFUSAL_REFACTOR_FAILED);
     a1[0] = 4.0;
-    ASSERT_TRUE(s.refactor() && s.solve(2, b, x));
+    ASSERT_TRUE(s.refactor() && s.solve(2, b, sol));
     EXPECT_EQ(reason(s), LSM_REFUSAL_NONE);
     EXPECT_EQ(s.state(), LSMsolver_state::Solved);
-    EXPECT_TRUE(x[0] == 2.0 && x[1] == 1.0);
+    EXPECT_TRUE(sol[0] == 2.0 && sol[1] == 1.0);
     EXPECT_EQ(s.diagnostics().nonFiniteSolutions, 0);
 
     // A NaN right-hand side: the designed result stands, the count tells.
     double nan_b[2] = {std::numeric_limits<double>::quiet_NaN(), 4.0};
-    const bool solved = s.solve(2, nan_b, x);
-    const long long non_finite = !std::isfinite(x[0]) + !std::isfinite(x[1]);
+    const bool solved = s.solve(2, nan_b, sol);
+    const long long non_finite = !std::isfinite(sol[0]) + !std::isfinite(sol[1]);
     EXPECT_EQ(s.diagnostics().nonFiniteSolutions, solved ? non_finite : 0);
     EXPECT_TRUE(!solved || non_finite > 0);
 }

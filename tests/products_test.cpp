@@ -197,13 +197,13 @@ TEST(BandProducts, BandAndBorderedAgainstDenseProducts)
         int (*ratio)(const void*, const KelMatrix&, const KelMatrix&, double&);
         const void* A;
     } cases[] = {{"general band", &general,
-                  [](const void* A, const KelMatrix& X, const KelMatrix& B, double& r) {
-                      return residualRatio(*static_cast<const KelMatrixBanded*>(A), X, B, r);
+                  [](const void* A, const KelMatrix& sol, const KelMatrix& rhs, double& r) {
+                      return residualRatio(*static_cast<const KelMatrixBanded*>(A), sol, rhs, r);
                   },
                   &G},
                  {"bordered", &cyclic,
-                  [](const void* A, const KelMatrix& X, const KelMatrix& B, double& r) {
-                      return residualRatio(*static_cast<const KelMatrixBordered*>(A), X, B, r);
+                  [](const void* A, const KelMatrix& sol, const KelMatrix& rhs, double& r) {
+                      return residualRatio(*static_cast<const KelMatrixBordered*>(A), sol, rhs, r);
                   },
                   &C}};
     for (const auto& c : cases) {
