@@ -14,6 +14,7 @@
 #    include "band/band_checks.h"
 #    include "band/band_substitution.h"
 #    include "band/kronecker_widths.h"
+#    include "kelmatrix/band.h"
 #    include "matrix/storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
@@ -79,6 +80,11 @@ void cyclic_cholesky(const char* function, const KelGenericMatrix& A, int bandWi
     const int reached = m > 0 ? std::max(n - 1, 0) : std::clamp(bandWidth, 0, std::max(n - 1, 0));
     width_in_band(function, "band and border widths <= the stored upper band", A, reached,
                   bandWidth);
+    // A bordered matrix stores its border once: another m reads band storage as border.
+    if (const auto* bordered = dynamic_cast<const KelMatrixBordered*>(&A))
+        require(m == bordered->GetBorderSize(), function,
+                "m == A's border size (KelMatrixBordered)", "m = %d, border size = %d", m,
+                bordered->GetBorderSize());
     if (B)
         right_hand_sides(function, A, *B);
 }

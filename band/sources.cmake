@@ -1,6 +1,7 @@
 # Native band Cholesky, cyclic band Cholesky and solve, Kronecker band solvers.
 set(KELMATRIX_BAND_SOURCES
   ${CMAKE_CURRENT_LIST_DIR}/band_cholesky.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/band_products.cpp
   ${CMAKE_CURRENT_LIST_DIR}/bordered_matrix.cpp
   ${CMAKE_CURRENT_LIST_DIR}/cyclic_cholesky.cpp
   ${CMAKE_CURRENT_LIST_DIR}/cyclic_kernels.cpp
