@@ -2,11 +2,11 @@
 // The checks of the band, cyclic and Kronecker Cholesky routines and the cyclic solve driver.
 //
 // These routines reach their matrices through the element accessor, within the band width
-// they resolve: on a KelMatrixBanded that width must lie inside the stored upper band (ku), or
-// the accessor leaves the band's storage. The order is A.rows; A must have that many columns and
-// right-hand sides that many rows. Shared storage is not reported here: these routines read and
-// write in one fixed order on every route, so a right-hand side that overlaps the factor gives
-// the same (defined) bits in every build.
+// they resolve (by their own rules: resolve_band_width, kronecker_widths): on a KelMatrixBanded
+// that width must lie inside the stored upper band (ku), or the accessor leaves the band's storage.
+// The order is A.rows; A must have that many columns and right-hand sides that many rows. Shared
+// storage is not reported here: these routines read and write in one fixed order on every route, so
+// a right-hand side that overlaps the factor gives the same (defined) bits in every build.
 #if defined(KELMATRIX_CHECKED)
 
 #    include <algorithm>
@@ -14,6 +14,7 @@
 #    include "band/band_checks.h"
 #    include "band/band_substitution.h"
 #    include "band/kronecker_widths.h"
+#    include "kelmatrix/band.h"
 #    include "matrix/storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
@@ -79,6 +80,11 @@ void cyclic_cholesky(const char* function, const KelGenericMatrix& A, int bandWi
     const int reached = m > 0 ? std::max(n - 1, 0) : std::clamp(bandWidth, 0, std::max(n - 1, 0));
     width_in_band(function, "band and border widths <= the stored upper band", A, reached,
                   bandWidth);
+    // A bordered matrix stores its border once: another m reads band storage as border.
+    if (const auto* bordered = dynamic_cast<const KelMatrixBordered*>(&A))
+        require(m == bordered->GetBorderSize(), function,
+                "m == A's border size (KelMatrixBordered)", "m = %d, border size = %d", m,
+                bordered->GetBorderSize());
     if (B)
         right_hand_sides(function, A, *B);
 }

@@ -8,7 +8,7 @@
 // every subtraction are fixed: results are reproducible bit for bit. The three diagonal tests
 // differ on purpose (factor: > 0 contributes; forward: >= 0 solves; backward: > 0 solves).
 // Each routine first asks direct_route.h whether its matrices may be addressed directly; if
-// so the kernels of factor_kernels.cpp / substitution_kernels.cpp compute the same bits from
+// so the kernels of factor_kernels.cpp / substitution_body.h compute the same bits from
 // strided views, otherwise the loops below run through the accessor. Nothing is allocated.
 // With the native threads on (kelmatrix/threads.h), the direct route shares independent work
 // out: Cholesky_subst its right-hand sides, the factor kernels the columns of each row.

@@ -19,6 +19,12 @@ namespace internal {
 
 /// Cholesky_factor on the upper band of width bw >= 1 of the order-n view a; returns the count.
 int factor_kernel(const StridedView& a, int n, int bw, double tol);
+/// The widest band the ring kernel (ring_factor.cpp) serves.
+constexpr int kRingWidth = 63;
+/// Cholesky_factor on the upper band of width bw (min(bw, n - 1) from 1 to kRingWidth) of the
+/// order-n view a, by the ring kernel; returns the count.
+int ring_factor_kernel(const StridedView& a, int n, int bw, double tol);
+
 // The vector kernels run from the table of the instruction set in use (kernel_table.h).
 
 /// Cholesky_factor of the whole upper triangle of the order-n view a (every k from 0), tiled
@@ -45,7 +51,7 @@ inline void column_block_kernel(const double* const* col, const double* ci,
 {
     active_kernels->column_block(col, ci, positive, mask, k, k_end, s, columns);
 }
-/// Row i of the ring kernel (ring_row_body.h) for widths w of 16 and more: U(i, i + t),
+/// Row i of the ring kernel for widths w of 16 and more (ring_row_body.h): U(i, i + t),
 /// t = 1 .. jl, from the rows i - e of the ring, which start at window - e (w + 1); the results
 /// also go to ri and ri2.
 inline void ring_row_kernel(const StridedView& a, int i, int w, int jl, double pivot,

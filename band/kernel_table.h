@@ -19,17 +19,21 @@ namespace internal {
 
 enum class Isa { kSse2 = 0, kAvx2 = 1, kAvx512 = 2 };
 
-/// The scratch of one step of the tiled factorization (tiled_factor_body.h): blocks of kNb rows,
-/// tiles of kNc columns, kKc rows k packed at a time, register tiles up to kMaxNr columns.
+/// The state of one block of rows of the tiled factorization and of its current tile
+/// (tiled_factor_body.h): blocks of kNb rows, tiles of kNc columns, kKc rows k packed at a time,
+/// register tiles up to kMaxNr columns wide on any instruction set.
 struct TiledScratch {
     static constexpr int kNb = 32, kNc = 64, kKc = 128, kMaxNr = 16;
     alignas(64) double lead[kNb * kNc];  // the leading tile of the block: its pivots and U(k, i)
     alignas(64) double rest[kNb * kNc];  // any further tile of the block
-    alignas(64) double ap[kNb * kKc];    // U(k, i) of the block's rows
+    alignas(64) double ap[kNb * kKc];    // U(k, i) of the block's rows, kMr rows per panel
     alignas(64) double bp[kMaxNr * kKc]; // U(k, j) of one register tile's columns
     int kp[kKc];                         // the rows k of a chunk with U(k, k) > 0
     bool dropped[kNb];
     double pivot[kNb];
+    int i0, nb, j0, nc;
+    bool first; // the current tile is the leading one (it starts at the diagonal)
+    double* tile() { return first ? lead : rest; }
 };
 
 /// The vector kernels of one instruction set; direct_kernels.h says what each computes.

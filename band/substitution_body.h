@@ -120,7 +120,7 @@ KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& dia
     const StridedView u = u_view, diag = diag_view, b = b_view; // as in walk_column
     using P = Pass<Forward>;
     constexpr int L = W < KEL_ISA_WIDTH ? W : KEL_ISA_WIDTH, V = W / L;
-    using Vec = simd::Vec<L>;
+    using VecL = simd::Vec<L>; // L <= KEL_ISA_WIDTH lanes
     const int rows = std::min(bw, n - 1) + 1;
     const auto up = [rows](int s) { return s + 1 == rows ? 0 : s + 1; };
     const auto down = [rows](int s) { return s == 0 ? rows - 1 : s - 1; };
@@ -135,7 +135,7 @@ KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& dia
             continue;
         }
         // Vectors built lane by lane in registers (a wide load of narrow stores would stall).
-        Vec s[V];
+        VecL s[V];
         for (int v = 0; v < V; ++v)
             s[v] = gather<L>(b, i + off, c0 + L * v);
         const int k_last = P::last_term(i, n, bw);
@@ -148,11 +148,11 @@ KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& dia
                 const double f = P::coefficient(u, i, k);
                 const double* xk = ring + sk * W;
                 for (int v = 0; v < V; ++v)
-                    s[v] -= simd::load<Vec>(xk + L * v) * f;
+                    s[v] -= simd::load<VecL>(xk + L * v) * f;
             }
         }
         for (int v = 0; v < V; ++v) {
-            const Vec x = s[v] / d;
+            const VecL x = s[v] / d;
             simd::store(xi + L * v, x);
             for (int l = 0; l < L; ++l)
                 b(i + off, c0 + L * v + l) = x[l];
@@ -175,7 +175,7 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
     const StridedView u = u_view, diag = diag_view, b = b_view; // as in walk_column
     using P = Pass<Forward>;
     constexpr int L = W < KEL_ISA_WIDTH ? W : KEL_ISA_WIDTH, V = W / L;
-    using Vec = simd::Vec<L>;
+    using VecL = simd::Vec<L>; // L <= KEL_ISA_WIDTH lanes
     const long long cs = b.cs;
     double* const base = b.p + off + c0 * cs; // row off of column c0
     // Tile t holds the rows at pass positions tW .. tW + W - 1; its lowest row:
@@ -195,7 +195,7 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
             for (int c = 0; c < W; ++c)
                 xi[c] = 0.0;
         } else {
-            Vec s[V];
+            VecL s[V];
             for (int v = 0; v < V; ++v)
                 s[v] = gather<L>(b, i + off, c0 + L * v);
             const int k_last = P::last_term(i, n, bw);
@@ -209,7 +209,7 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
                 if (diag(k, k) >= 0.0) { // zero included, NaN excluded
                     const double f = P::coefficient(u, i, k);
                     for (int v = 0; v < V; ++v)
-                        s[v] -= simd::load<Vec>(tile + rk * W + L * v) * f;
+                        s[v] -= simd::load<VecL>(tile + rk * W + L * v) * f;
                 }
             }
             for (; P::reaches(k, k_last); k = P::prev(k)) {
@@ -219,7 +219,7 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
                     const double f = P::coefficient(u, i, k);
                     const double* xk = stored(k);
                     for (int v = 0; v < V; ++v)
-                        s[v] -= simd::load<Vec>(xk + L * v) * f;
+                        s[v] -= simd::load<VecL>(xk + L * v) * f;
                 }
             }
             for (int v = 0; v < V; ++v)

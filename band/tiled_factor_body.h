@@ -15,13 +15,14 @@
 //     of the block's own rows (ascending), is divided, and is copied back;
 //   - a dropped row is never written but for its diagonal, so it keeps A's values, as in the
 //     generic loops.
-// Each tile is one step (tiled_step), so that a team can take the tiles of a block of rows side
-// by side (factor_kernels.cpp): the tiles of one block depend only on the rows above it and on
-// its leading tile. Scratch: a TiledScratch (about 80 KiB) on the stack, no allocation.
+// Each tile is also a step of its own (tiled_step), so that a team can take the tiles of a
+// block of rows side by side: they depend only on the rows above and on the block's leading
+// tile. Scratch: fixed arrays on the stack (about 80 KiB), no allocation.
 #include <algorithm>
 #include <cmath>
 
 #include "band/direct_route.h"
+#include "band/kernel_table.h"
 #include "band/simd.h"
 
 namespace kelmatrix {
@@ -30,17 +31,20 @@ namespace KEL_ISA_NS {
 namespace {
 
 using Vec = simd::Vec<KEL_ISA_WIDTH>;
+// The state of one block of kNb rows and of its current tile (kernel_table.h), the same type for
+// every instruction set so that a team's driver can hold one per thread.
+using Block = TiledScratch;
 using simd::load;
 using simd::store;
 
-constexpr int kL = KEL_ISA_WIDTH;      // doubles per vector
-constexpr int kMr = 4;                 // rows of a register tile
-constexpr int kNv = 2;                 // vectors across the columns of a register tile
-constexpr int kNr = kNv * kL;          // columns of a register tile
-constexpr int kNb = TiledScratch::kNb; // rows of a block
-constexpr int kNc = TiledScratch::kNc; // columns of a tile (a multiple of kNr on every width)
-constexpr int kKc = TiledScratch::kKc; // rows k packed at a time
-static_assert(kNc % kNr == 0 && kNb % kMr == 0 && kNb <= kNc && kNr <= TiledScratch::kMaxNr,
+constexpr int kL = KEL_ISA_WIDTH; // doubles per vector
+constexpr int kMr = 4;            // rows of a register tile
+constexpr int kNv = 2;            // vectors across the columns of a register tile
+constexpr int kNr = kNv * kL;     // columns of a register tile
+constexpr int kNb = Block::kNb;   // rows of a block
+constexpr int kNc = Block::kNc;   // columns of a tile (a multiple of kNr on every width)
+constexpr int kKc = Block::kKc;   // rows k packed at a time
+static_assert(kNc % kNr == 0 && kNb % kMr == 0 && kNb <= kNc && kNr <= Block::kMaxNr,
               "tile shapes");
 
 // kMr rows by kNr columns of the scratch at s (row stride kNc) minus the products of kc packed
@@ -79,129 +83,174 @@ KEL_ISA_TARGET inline void divide_row(double* row, double pivot)
         store(row + c, load<Vec>(row + c) / pivot);
 }
 
-} // namespace
-
-// Tile `tile` of the block of rows from i0 (kNb rows): 0 is the leading tile, which starts at
-// the diagonal and finds the block's pivots (returns how many it kept); m >= 1 the tile of
-// columns i0 + m kNc on, which needs the leading tile's results in s; -1 loads those results
-// into s from A, once A holds them (a dropped pivot is -1.0 there, a kept one a square root).
-KEL_ISA_TARGET int tiled_step(const StridedView& a, int n, double tol, int i0, int tile,
-                              TiledScratch& s)
+// The tile, zero outside it; the leading tile only from its diagonal on (the generic loops
+// never read below it), later tiles only on rows kept.
+KEL_ISA_TARGET void copy_in(const StridedView& a, Block& b)
 {
-    double* const lead = s.lead; // the leading tile of the block: its pivots and U(k, i)
-    double* const ap = s.ap;     // U(k, i) of the block's rows, kMr rows per panel
-    double* const bp = s.bp;     // U(k, j) of one register tile's columns
-    int* const kp = s.kp;        // the rows k of a chunk with U(k, k) > 0
-    bool* const dropped = s.dropped;
-    double* const pivot = s.pivot;
-    const int nb = std::min(kNb, n - i0);
-    if (tile < 0) {
-        for (int r = 0; r < nb; ++r) {
-            const double d = a(i0 + r, i0 + r);
-            dropped[r] = d == -1.0;
-            pivot[r] = d;
-            double* tr = lead + r * kNc;
-            tr[r] = d;
-            if (!dropped[r])
-                for (int c = r + 1; c < nb; ++c)
-                    tr[c] = a(i0 + r, i0 + c);
-        }
-        return 0;
-    }
-    const int j0 = i0 + tile * kNc;
-    const bool first = tile == 0;
-    const int nc = std::min(kNc, n - j0);
-    double* const t = first ? lead : s.rest; // the tile, row-major
-    int count = 0;
-    // The tile, zero outside it; the leading tile only from its diagonal on (the generic loops
-    // never read below it), later tiles only on rows kept.
+    double* const t = b.tile();
     for (int r = 0; r < kNb; ++r) {
         double* tr = t + r * kNc;
-        const bool row = r < nb && (first || !dropped[r]);
-        const int c0 = first ? std::min(r, nc) : 0;
+        const bool row = r < b.nb && (b.first || !b.dropped[r]);
+        const int c0 = b.first ? std::min(r, b.nc) : 0;
         std::fill(tr, tr + kNc, 0.0);
         if (row)
-            for (int c = c0; c < nc; ++c)
-                tr[c] = a(i0 + r, j0 + c);
+            for (int c = c0; c < b.nc; ++c)
+                tr[c] = a(b.i0 + r, b.j0 + c);
     }
-    // The rows above the block, in chunks, ascending.
-    for (int k0 = 0; k0 < i0; k0 += kKc) {
-        const int k1 = std::min(i0, k0 + kKc);
+}
+
+// U(k, i) of the block's rows for the kc rows k of kp, kMr rows a panel, zero past the block.
+KEL_ISA_TARGET void pack_rows(const StridedView& a, Block& b, int kc)
+{
+    const int panels = (b.nb + kMr - 1) / kMr;
+    for (int p = 0; p < panels; ++p)
+        for (int r = 0; r < kMr; ++r) {
+            const int row = p * kMr + r;
+            double* dst = b.ap + p * kMr * kKc + r;
+            if (row < b.nb)
+                for (int kk = 0; kk < kc; ++kk)
+                    dst[kk * kMr] = a(b.kp[kk], b.i0 + row);
+            else
+                for (int kk = 0; kk < kc; ++kk)
+                    dst[kk * kMr] = 0.0;
+        }
+}
+
+// U(k, j) of the kNr columns from c0 of the tile for the kc rows k of kp, zero past the tile.
+KEL_ISA_TARGET void pack_columns(const StridedView& a, Block& b, int c0, int kc)
+{
+    for (int c = 0; c < kNr; ++c) {
+        if (c0 + c < b.nc)
+            for (int kk = 0; kk < kc; ++kk)
+                b.bp[kk * kNr + c] = a(b.kp[kk], b.j0 + c0 + c);
+        else
+            for (int kk = 0; kk < kc; ++kk)
+                b.bp[kk * kNr + c] = 0.0;
+    }
+}
+
+// The terms of the rows above the block, in chunks of kKc rows k, ascending.
+KEL_ISA_TARGET void subtract_rows_above(const StridedView& a, Block& b)
+{
+    const int panels = (b.nb + kMr - 1) / kMr;
+    double* const t = b.tile();
+    for (int k0 = 0; k0 < b.i0; k0 += kKc) {
+        const int k1 = std::min(b.i0, k0 + kKc);
         int kc = 0;
         for (int k = k0; k < k1; ++k)
             if (a(k, k) > 0.0) // strict: dropped (-1) and zero pivots do not contribute
-                kp[kc++] = k;
+                b.kp[kc++] = k;
         if (kc == 0)
             continue;
-        const int panels = (nb + kMr - 1) / kMr;
-        for (int p = 0; p < panels; ++p)
-            for (int r = 0; r < kMr; ++r) {
-                const int row = p * kMr + r;
-                double* dst = ap + p * kMr * kKc + r;
-                if (row < nb)
-                    for (int kk = 0; kk < kc; ++kk)
-                        dst[kk * kMr] = a(kp[kk], i0 + row);
-                else
-                    for (int kk = 0; kk < kc; ++kk)
-                        dst[kk * kMr] = 0.0;
-            }
-        for (int c0 = 0; c0 < nc; c0 += kNr) {
-            for (int c = 0; c < kNr; ++c) {
-                if (c0 + c < nc)
-                    for (int kk = 0; kk < kc; ++kk)
-                        bp[kk * kNr + c] = a(kp[kk], j0 + c0 + c);
-                else
-                    for (int kk = 0; kk < kc; ++kk)
-                        bp[kk * kNr + c] = 0.0;
-            }
+        pack_rows(a, b, kc);
+        for (int c0 = 0; c0 < b.nc; c0 += kNr) {
+            pack_columns(a, b, c0, kc);
             for (int p = 0; p < panels; ++p)
-                if (!first || c0 + kNr > p * kMr) // the leading tile: not wholly below
-                    register_tile(t + p * kMr * kNc + c0, ap + p * kMr * kKc, bp, kc);
+                if (!b.first || c0 + kNr > p * kMr) // the leading tile: not wholly below
+                    register_tile(t + p * kMr * kNc + c0, b.ap + p * kMr * kKc, b.bp, kc);
         }
     }
-    // The block's own rows, ascending, then the division; the leading tile finds the pivots on
-    // the way.
-    for (int r = 0; r < nb; ++r) {
-        if (!first && dropped[r])
+}
+
+// The terms of the block's own rows, ascending, then the division; the leading tile finds the
+// pivots on the way. Returns how many pivots it accepted.
+KEL_ISA_TARGET int subtract_own_rows(Block& b, double tol)
+{
+    double* const t = b.tile();
+    int count = 0;
+    for (int r = 0; r < b.nb; ++r) {
+        if (!b.first && b.dropped[r])
             continue;
         double* tr = t + r * kNc;
         for (int q = 0; q < r; ++q)
-            if (lead[q * kNc + q] > 0.0) // strict, as above
-                subtract_row(tr, t + q * kNc, lead[q * kNc + r]);
-        if (first) {
-            const double d = tr[r];
-            dropped[r] = d < tol; // dropped pivot; d == tol and NaN are accepted
-            if (dropped[r]) {
-                tr[r] = -1.0;
-                continue;
-            }
-            ++count;
-            pivot[r] = std::sqrt(d);
-            divide_row(tr, pivot[r]);
-            tr[r] = pivot[r];
-        } else {
-            divide_row(tr, pivot[r]);
+            if (b.lead[q * kNc + q] > 0.0) // strict, as above
+                subtract_row(tr, t + q * kNc, b.lead[q * kNc + r]);
+        if (!b.first) {
+            divide_row(tr, b.pivot[r]);
+            continue;
         }
+        const double d = tr[r];
+        b.dropped[r] = d < tol; // dropped pivot; d == tol and NaN are accepted
+        if (b.dropped[r]) {
+            tr[r] = -1.0;
+            continue;
+        }
+        ++count;
+        b.pivot[r] = std::sqrt(d);
+        divide_row(tr, b.pivot[r]);
+        tr[r] = b.pivot[r];
     }
-    for (int c = 0; c < nc; ++c)
-        for (int r = 0; r < nb; ++r) {
-            if (first && c < r)
+    return count;
+}
+
+// The tile back into a: a dropped row only its diagonal (-1), so it keeps A's values.
+KEL_ISA_TARGET void copy_out(const StridedView& a, Block& b)
+{
+    const double* const t = b.tile();
+    for (int c = 0; c < b.nc; ++c)
+        for (int r = 0; r < b.nb; ++r) {
+            if (b.first && c < r)
                 continue;
-            if (!dropped[r])
-                a(i0 + r, j0 + c) = t[r * kNc + c];
-            else if (first && c == r)
-                a(i0 + r, j0 + c) = -1.0;
+            if (!b.dropped[r])
+                a(b.i0 + r, b.j0 + c) = t[r * kNc + c];
+            else if (b.first && c == r)
+                a(b.i0 + r, b.j0 + c) = -1.0;
         }
+}
+
+// The leading tile's results, once a holds them: the pivots (a dropped one is -1.0 there, a kept
+// one a square root, so never -1.0) and U(i, i') of the block's kept rows.
+KEL_ISA_TARGET void load_lead(const StridedView& a, Block& b)
+{
+    for (int r = 0; r < b.nb; ++r) {
+        const double d = a(b.i0 + r, b.i0 + r);
+        double* tr = b.lead + r * kNc;
+        b.dropped[r] = d == -1.0;
+        b.pivot[r] = tr[r] = d;
+        if (!b.dropped[r])
+            for (int c = r + 1; c < b.nb; ++c)
+                tr[c] = a(b.i0 + r, b.i0 + c);
+    }
+}
+
+} // namespace
+
+// One tile of tiled_factor, for a team (factor_kernels.cpp): tile 0 of the block of rows from
+// i0 is its leading tile (returns how many pivots it accepted), tile m >= 1 the one of columns
+// i0 + m kNc on, which needs the leading tile's results in b; tile -1 loads those from a.
+KEL_ISA_TARGET int tiled_step(const StridedView& a, int n, double tol, int i0, int tile, Block& b)
+{
+    b.i0 = i0;
+    b.nb = std::min(kNb, n - i0);
+    if (tile < 0) {
+        load_lead(a, b);
+        return 0;
+    }
+    b.j0 = i0 + tile * kNc;
+    b.first = tile == 0;
+    b.nc = std::min(kNc, n - b.j0);
+    copy_in(a, b);
+    subtract_rows_above(a, b);
+    const int count = subtract_own_rows(b, tol);
+    copy_out(a, b);
     return count;
 }
 
 KEL_ISA_TARGET int tiled_factor(const StridedView& a, int n, double tol)
 {
-    TiledScratch s;
+    Block b;
     int count = 0;
-    for (int i0 = 0; i0 < n; i0 += kNb)
-        for (int tile = 0; i0 + tile * kNc < n; ++tile)
-            count += tiled_step(a, n, tol, i0, tile, s);
+    for (b.i0 = 0; b.i0 < n; b.i0 += kNb) {
+        b.nb = std::min(kNb, n - b.i0);
+        for (b.j0 = b.i0; b.j0 < n; b.j0 += kNc) {
+            b.first = b.j0 == b.i0;
+            b.nc = std::min(kNc, n - b.j0);
+            copy_in(a, b);
+            subtract_rows_above(a, b);
+            count += subtract_own_rows(b, tol);
+            copy_out(a, b);
+        }
+    }
     return count;
 }
 

@@ -13,6 +13,17 @@ KelMatrixBanded::KelMatrixBanded() = default;
 
 KelMatrixBanded::~KelMatrixBanded() = default;
 
+KelMatrixBanded::KelMatrixBanded(KelMatrixBanded&& src) noexcept : KelMatrixBanded()
+{
+    StorageAccess::move_into(*this, src);
+}
+
+KelMatrixBanded& KelMatrixBanded::operator=(const KelMatrixBanded& src)
+{
+    KelGenericMatrix::operator=(src); // Deliberate: shallow, as before the move constructor
+    return *this;
+}
+
 double& KelMatrixBanded::operator()(int i, int j)
 {
     KELMATRIX_CHECK(band_element("KelMatrixBanded::operator()", *this, i, j));

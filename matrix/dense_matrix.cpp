@@ -50,6 +50,11 @@ double& KelMatrix::operator()(int i, int j)
     return elements[StorageAccess::mirrored_offset(*this, i, j, rowDim, 0)];
 }
 
+KelMatrix::KelMatrix(KelMatrix&& src) noexcept : KelMatrix()
+{
+    StorageAccess::move_into(*this, src);
+}
+
 double KelMatrix::operator()(int i, int j) const
 {
     KELMATRIX_CHECK(element("KelMatrix::operator()", *this, i, j));

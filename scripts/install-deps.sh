@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what KELMATRIX needs on Debian bookworm, non-interactively and idempotently:
-# Intel MKL (from the non-free component, enabled here when absent), the compiler and
-# build tools, GoogleTest, Google Benchmark and Doxygen, and for the distributed solver Open MPI
-# with MKL's BLACS layer for it. Run as root, or with sudo available.
+# Intel MKL (from the non-free component, enabled here when absent), the compiler and build
+# tools, GoogleTest, Google Benchmark, Doxygen and clang-format; for the distributed solver Open
+# MPI with MKL's BLACS layer for it; and LLVM's OpenMP runtime (libomp.so.5), which the load-time
+# environment test loads beside MKL's. Run as root, or with sudo available.
 set -euo pipefail
 
 SUDO=""
@@ -10,7 +11,8 @@ if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 
 packages=(libmkl-dev cmake g++ make pkg-config googletest libgtest-dev libbenchmark-dev doxygen
-          openmpi-bin libopenmpi-dev libmkl-blacs-openmpi-lp64)
+          openmpi-bin libopenmpi-dev libmkl-blacs-openmpi-lp64
+          clang-format libomp5-14)
 for extra in "$@"; do packages+=("$extra"); done
 
 missing=()
