@@ -2,9 +2,11 @@
 # Installs what is missing, builds KELMATRIX with its benchmarks (Release, `bench` preset) and
 # runs every benchmark at 1 and then 2 threads. Each case prints the library's time, the raw
 # MKL routine's (or peer's) time measured in the same process, and their ratio (medians).
-#   scripts/bench.sh            the full run (about 15 minutes on 2 cores; with MPI, bench_mpi's
+#   scripts/bench.sh            the full run (about 20 minutes on 2 cores; with MPI, bench_mpi's
 #                               60^3 grid on 1 and 2 ranks adds 5 to 15 minutes)
 #   scripts/bench.sh --smoke    every case once on small sizes (CI: builds and runs, times nothing)
+#   KELMATRIX_BENCH_FILTER='BandSubst|BandFactor|DenseFactor|DenseSubst|KroneckerSubst|Threshold' \
+#       scripts/bench.sh        the native threads' cases only (about 6 minutes after the build)
 # Results also go to build/<preset>/results/<executable>-<threads>t.json, and the full run ends
 # with scripts/bench_summary.py: both passes side by side, the speedups from the second thread
 # (the library's native threads are on in the 2-thread pass), the bandwidths and the noise of a
