@@ -12,11 +12,13 @@
 // Google Benchmark.
 //
 // Fair turns: an OpenMP runtime keeps the threads of a finished parallel region spinning for a
-// while (libgomp's default spin before it sleeps: measured 5.6 ms here, longer where a pause
-// instruction is slower). Whatever ran a region just before a timed call (MKL in the reference,
-// the library's own team) would leave those spinning threads on the cores the next call wants,
-// which made the serial routines up to 39% slower in the 2-thread pass. So every timed call
-// starts after a settle pause longer than that spin (settle_seconds(), measured at start-up).
+// while (libgomp's default spin before it sleeps: measured 5.6 ms on the AVX2 development
+// machine, longer where a pause instruction is slower). Whatever ran a region just before a
+// timed call (MKL in the reference, the library's own team) leaves those threads spinning on
+// the cores the next call wants; where two logical cores share one physical core, that takes
+// the serial routines' issue slots (the 2-thread pass once measured them 31-39% slower). So
+// every timed call starts after a settle pause longer than that spin (settle_seconds(),
+// measured at start-up; KELMATRIX_BENCH_SETTLE=0 turns it off to compare).
 // Noise: each case also times a fixed serial control workload (a dependent chain) after every
 // pair; control_ms is its median. The same control in the 1-thread and the 2-thread pass should
 // take the same time: their difference is the pass's noise (scripts/bench_summary.py).
@@ -266,7 +268,10 @@ inline int run_main(int argc, char** argv, void (*register_cases)())
     kelmatrix_set_native_threads(options().threads);
     // The same pause in every pass (measured on 2 threads even in the 1-thread pass), so that
     // whatever it does to the caches and the cores' idle states, both passes see it alike.
-    settle_seconds() = measure_settle(std::max(2, options().threads));
+    // KELMATRIX_BENCH_SETTLE=0 turns the pause off, to see what the spinning threads cost.
+    const char* settle_env = std::getenv("KELMATRIX_BENCH_SETTLE");
+    const bool pause = !(settle_env && std::strcmp(settle_env, "0") == 0);
+    settle_seconds() = pause ? measure_settle(std::max(2, options().threads)) : 0.0;
     benchmark::AddCustomContext("threads", std::to_string(options().threads));
     benchmark::AddCustomContext("settle_ms", std::to_string(settle_seconds() * 1e3));
     benchmark::AddCustomContext("mode", options().smoke ? "smoke" : "full");
