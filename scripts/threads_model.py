@@ -101,17 +101,17 @@ def main():
     ap.add_argument("--socket-GBps", type=float, default=100.0)
     ap.add_argument("--llc-MB", type=float, default=32.0)
     # Measured 1-thread times (ms) of the bench cases, to scale the schedules.
-    ap.add_argument("--band16-ms", type=float, nargs=3, default=[8.4, 27.2, 100.2],
+    ap.add_argument("--band16-ms", type=float, nargs=3, default=[8.37, 26.2, 100.1],
                     help="16-rhs band substitution, n 200000, bw 4 / 32 / 128")
-    ap.add_argument("--kron-ms", type=float, default=182.9,
+    ap.add_argument("--kron-ms", type=float, default=181.5,
                     help="Kronecker substitutions, 1000^2, 8 columns")
-    ap.add_argument("--factor-ms", type=float, nargs=2, default=[409.8, 4101.3],
+    ap.add_argument("--factor-ms", type=float, nargs=2, default=[411.3, 4101.3],
                     help="band factor, n 50000, bw 256 / 512 (narrower widths stay serial)")
-    ap.add_argument("--dense-ms", type=float, default=135.0, help="dense factor n 2000")
-    ap.add_argument("--speedup2", type=float, nargs=5, default=[1.43, 1.40, 1.26, 1.34, 1.90],
+    ap.add_argument("--dense-ms", type=float, default=133.0, help="dense factor n 2000")
+    ap.add_argument("--speedup2", type=float, nargs=5, default=[1.43, 1.36, 1.28, 1.34, 1.87],
                     help="measured 2-thread speedups: band subst bw 4 / 32 / 128, dense subst, "
                     "Kronecker (they calibrate the cost of narrower column shares)")
-    ap.add_argument("--dense-subst-ms", type=float, default=12.3,
+    ap.add_argument("--dense-subst-ms", type=float, default=12.4,
                     help="dense substitution n 2000, 16 rhs")
     a = ap.parse_args()
     cores = [1, 2, 8, 16, 64]
