@@ -61,6 +61,7 @@ public:
             ok = solver.init(comm, n, first_row, last_row, ia.mutable_data(), ja.mutable_data(),
                              values.data(), nrhs, max_refinement_steps,
                              static_cast<LSMsolver_mattype>(mtype));
+            solver.clear(); // a default-constructed solver wants init() and clear()
         }
         if (!ok)
             throw py::value_error("ClusterSolver: init refused on some rank: the ranks pass "
