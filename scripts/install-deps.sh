@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what KELMATRIX needs on Debian bookworm, non-interactively and idempotently:
 # Intel MKL (from the non-free component, enabled here when absent), the compiler and
-# build tools, GoogleTest, Google Benchmark and Doxygen, and for the distributed solver Open MPI
-# with MKL's BLACS layer for it. Run as root, or with sudo available.
+# build tools, GoogleTest, Google Benchmark and Doxygen, for the distributed solver Open MPI
+# with MKL's BLACS layer for it, and for the Python package Debian's Python 3 with venv,
+# headers, pybind11, NumPy, SciPy, matplotlib, pytest and mpi4py. Run as root, or with sudo.
 set -euo pipefail
 
 SUDO=""
@@ -10,7 +11,9 @@ if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 
 packages=(libmkl-dev cmake g++ make pkg-config googletest libgtest-dev libbenchmark-dev doxygen
-          openmpi-bin libopenmpi-dev libmkl-blacs-openmpi-lp64)
+          openmpi-bin libopenmpi-dev libmkl-blacs-openmpi-lp64
+          python3-venv python3-dev pybind11-dev python3-pybind11 python3-numpy python3-scipy
+          python3-matplotlib python3-pytest python3-mpi4py)
 for extra in "$@"; do packages+=("$extra"); done
 
 missing=()
