@@ -25,11 +25,12 @@ import ctypes as _ctypes
 import os as _os
 
 from . import _core
-from ._build_config import HAVE_MPI, MKL_GLOBAL
+from ._build_config import HAVE_MPI
+from ._build_config import MKL_GLOBAL as _MKL_GLOBAL
 
 # _core has loaded MKL; its core and threading layers are now made global (see _build_config),
 # before any call makes MKL load its kernel libraries.
-for _layer in MKL_GLOBAL:
+for _layer in _MKL_GLOBAL:
     _ctypes.CDLL(_layer, mode=_ctypes.RTLD_GLOBAL | _os.RTLD_NOLOAD)
 from ._core import (  # noqa: E402
     BorderedMatrix, band_cholesky, band_cholesky_solve, cho_inverse, cho_solve, cho_solve_banded,

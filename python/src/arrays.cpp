@@ -126,6 +126,54 @@ std::unique_ptr<KelMatrix> dense_copy(const Array& a)
     return m;
 }
 
+namespace {
+
+// Gives itself the shape and element pointer of caller memory; see dense_view.
+template <class M> struct Borrowed : M {
+    Borrowed(double* p, int rows, int cols, int bw)
+    {
+        this->rowDim = rows;
+        this->colDim = cols;
+        this->elements = p;
+        this->storageSize = (bw < 0 ? rows : bw + 1) * cols;
+        if (bw >= 0) {
+            this->lowerBandWidth = 0;
+            this->upperBandWidth = bw;
+            this->banded = 1;
+        }
+    }
+    ~Borrowed() override { this->elements = nullptr; } // never the owner of any block
+};
+
+} // namespace
+
+bool in_place_ok(const Array& a)
+{
+    return (a.flags() & py::array::f_style) && a.size() > 0;
+}
+
+std::unique_ptr<KelMatrix> dense_view(const Array& a)
+{
+    Borrowed<KelMatrix> b(const_cast<double*>(a.data()), dim(a, 0), dim(a, 1), -1);
+    auto m = std::make_unique<KelMatrix>();
+    m->Swap(b); // m: a's pointer and shape; b: m's empty state; neither allocated anything
+    return m;
+}
+
+std::unique_ptr<KelMatrixBanded> band_view(const Array& ab)
+{
+    const int n = dim(ab, 1);
+    Borrowed<KelMatrixBanded> b(const_cast<double*>(ab.data()), n, n, dim(ab, 0) - 1);
+    auto m = std::make_unique<KelMatrixBanded>();
+    m->Swap(b);
+    return m;
+}
+
+std::unique_ptr<KelMatrix> dense_view_or_copy(const Array& a)
+{
+    return in_place_ok(a) ? dense_view(a) : dense_copy(a);
+}
+
 py::array adopt_dense(std::unique_ptr<KelMatrix> m, bool as_vector)
 {
     const py::ssize_t rows = m->GetRowDim(), cols = m->GetColDim();

@@ -58,6 +58,19 @@ void copy_out(const double* src, int ld, Array& a);
 /// A fresh dense matrix holding a copy of a (1-D: one column).
 std::unique_ptr<KelMatrix> dense_copy(const Array& a);
 
+/// True when a can be used where it lies: float64 and Fortran-contiguous (1-D: unit stride).
+bool in_place_ok(const Array& a);
+/// A plain KelMatrix over a's own memory (in_place_ok(a) must hold), without a copy: a type
+/// derived from the matrix gives itself a's shape and element pointer, and Swap hands those to
+/// a plain KelMatrix, which thereby never allocated and releases nothing. Being a KelMatrix
+/// itself, it takes the library's direct routes. a must outlive it.
+std::unique_ptr<KelMatrix> dense_view(const Array& a);
+/// The same as an upper band matrix (kl = 0, ku = rows - 1) over a (bw + 1, n) array.
+std::unique_ptr<KelMatrixBanded> band_view(const Array& ab);
+/// dense_view when in_place_ok, else dense_copy: for inputs the call only reads, and for
+/// in-place arguments checked by inplace_array.
+std::unique_ptr<KelMatrix> dense_view_or_copy(const Array& a);
+
 /// A NumPy array of the given shape (1-D, or 2-D in Fortran order with leading dimension
 /// shape[0]) over data, which lives in owner's block; the array takes ownership of owner.
 template <class M>

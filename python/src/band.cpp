@@ -117,18 +117,32 @@ py::array native_band_result(std::unique_ptr<KelMatrixBanded> U, int bw0, bool l
 
 py::object solution(std::unique_ptr<KelMatrix> X, Array& b, bool overwrite)
 {
-    if (overwrite) {
-        copy_out(X->GetElements(), X->GetRowDim(), b);
+    if (overwrite) // X is a view of b: the call has already worked in b
         return std::move(b);
-    }
     return adopt_dense(std::move(X), b.ndim() == 1);
+}
+
+// A band operand the call only reads: the caller's array itself when it is an upper form at
+// least one super-diagonal wide in Fortran order, else a copy.
+std::unique_ptr<KelMatrixBanded> band_operand(const Array& ab, bool lower)
+{
+    if (!lower && ab.shape(0) >= 2 && in_place_ok(ab))
+        return band_view(ab);
+    return band_copy(ab, lower, 1);
+}
+
+// The right-hand sides a call overwrites: b itself with overwrite_b, else a copy.
+std::unique_ptr<KelMatrix> rhs(const Array& b, bool overwrite)
+{
+    return overwrite ? dense_view(b) : dense_copy(b);
 }
 
 py::tuple band_cholesky(const ArrayLike& ab, double tol, bool overwrite_ab, bool lower)
 {
     Array AB = argument(ab, "ab", overwrite_ab, 2, 2);
     const int bw0 = band_width(AB, "ab");
-    auto A = band_copy(AB, lower, 1);
+    const bool in_place = overwrite_ab && !lower && bw0 >= 1;
+    auto A = in_place ? band_view(AB) : band_copy(AB, lower, 1);
     const int bw = A->GetUpperBandWidth();
     int rank;
     {
@@ -136,7 +150,8 @@ py::tuple band_cholesky(const ArrayLike& ab, double tol, bool overwrite_ab, bool
         rank = Cholesky_factor(*A, bw, tol);
     }
     if (overwrite_ab) {
-        upper_band_out(*A, lower, AB);
+        if (!in_place) // the lower form, or a diagonal held one row wider
+            upper_band_out(*A, lower, AB);
         return py::make_tuple(AB, rank);
     }
     return py::make_tuple(native_band_result(std::move(A), bw0, lower), rank);
@@ -148,8 +163,8 @@ py::object band_cholesky_solve(const ArrayLike& ub, const ArrayLike& b, bool ove
     Array UB = input_array(ub, "ub", 2, 2), B_ = argument(b, "b", overwrite_b, 1, 2);
     band_width(UB, "ub");
     require_rows(B_, dim(UB, 1), "b", "ub");
-    auto U = band_copy(UB, lower, 1);
-    auto B = dense_copy(B_);
+    auto U = band_operand(UB, lower);
+    auto B = rhs(B_, overwrite_b);
     {
         py::gil_scoped_release nogil;
         Cholesky_subst(*U, U->GetUpperBandWidth(), *B);
@@ -223,7 +238,7 @@ py::object bordered_solve(Bordered& B, const ArrayLike& b, bool overwrite_b,
     Array B_ = argument(b, "b", overwrite_b, 1, 2);
     require_rows(B_, B.A.GetRowDim(), "b", "the matrix");
     const int w = pick_bandwidth(B, bandwidth), m = B.m();
-    auto X = dense_copy(B_);
+    auto X = rhs(B_, overwrite_b);
     {
         py::gil_scoped_release nogil;
         cyclic_Cholesky_subst(B.A, w, m, *X);
@@ -297,7 +312,8 @@ py::object cyclic_cholesky_solve(const ArrayLike& u, const ArrayLike& b, int ban
     if (bandwidth < 1)
         value_error("bandwidth", "expected >= 1");
     require_rows(B_, n, "b", "u");
-    auto U = dense_copy(U_), X = dense_copy(B_);
+    auto U = dense_view_or_copy(U_);
+    auto X = rhs(B_, overwrite_b);
     {
         py::gil_scoped_release nogil;
         cyclic_Cholesky_subst(*U, bandwidth, m, *X);
@@ -385,8 +401,8 @@ py::object kron_substitute(const ArrayLike& u1, const ArrayLike& u2, const Array
     const std::string what = std::to_string(py::ssize_t(p) * q) + " rows (u1's order times u2's)";
     require_shape(X_.shape(0) == py::ssize_t(p) * q && (X_.ndim() == 1 || X_.shape(1) >= 1), "x",
                   what.c_str(), X_);
-    auto U1 = band_copy(U1_, false, 1), U2 = band_copy(U2_, false, 1);
-    auto X = dense_copy(X_);
+    auto U1 = band_operand(U1_, false), U2 = band_operand(U2_, false);
+    auto X = rhs(X_, overwrite_x);
     {
         py::gil_scoped_release nogil;
         const int w1 = U1->GetUpperBandWidth(), w2 = U2->GetUpperBandWidth();

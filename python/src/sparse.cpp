@@ -207,7 +207,7 @@ public:
                        "refactor() succeeds");
         Array b = input_array(b_, "b", 1, 2);
         require_rows(b, n, "b", "the matrix");
-        auto B = dense_copy(b);
+        auto B = dense_view_or_copy(b); // PARDISO only reads it
         auto X = std::make_unique<KelMatrix>();
         X->Dimension(B->GetRowDim(), B->GetColDim(), -1, -1);
         bool ok;

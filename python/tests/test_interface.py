@@ -14,7 +14,7 @@ import scipy.linalg as sl
 import scipy.sparse as sp
 
 import kelmatrix as km
-from conftest import EPS, rel_err, spd_band
+from conftest import lower_band, rel_err, spd_band, upper_band
 
 
 @pytest.mark.parametrize("call,arg,message", [
@@ -82,6 +82,13 @@ def test_overwrite_works_in_the_callers_array(rng):
     assert u is ab_f and rank == 30 and rel_err(ab_f, ref_u) < 1e-12
     c = np.asfortranarray(a)
     assert km.cholesky(c, overwrite_a=True) is c and rel_err(c, sl.cholesky(a)) < 1e-12
+    lower = np.asfortranarray(lower_band(a, 2))        # the lower form goes through a copy
+    ul, _ = km.band_cholesky(lower, 1e-12, overwrite_ab=True, lower=True)
+    assert ul is lower and rel_err(lower, sl.cholesky_banded(lower_band(a, 2), lower=True)) < 1e-12
+    x = np.asfortranarray(rng.standard_normal((30 * 4, 2)))
+    u2, _ = km.band_cholesky(upper_band(np.diag([2.0, 3.0, 4.0, 5.0]), 0), 1e-12)
+    ref_k = np.linalg.solve(np.kron(a, np.diag([2.0, 3.0, 4.0, 5.0])), x)
+    assert km.kron_cholesky_solve(ab_f, u2, x, overwrite_x=True) is x and rel_err(x, ref_k) < 1e-12
     v = np.asfortranarray(rng.standard_normal(30))   # 1-D arrays are Fortran-contiguous too
     x = km.band_cholesky_solve(ab_f, v.copy())
     assert km.band_cholesky_solve(ab_f, v, overwrite_b=True) is v and np.array_equal(v, x)
@@ -229,11 +236,10 @@ def test_help_and_typing():
     assert "numpy.typing.ArrayLike" in km.solve.__doc__
     for name in km.__all__:
         assert getattr(km, name).__doc__, name
-    stub = os.path.join(os.path.dirname(km.__file__), "__init__.pyi")
-    if os.path.exists(stub):
-        text = open(stub).read()
-        missing = [n for n in km.__all__ if n not in text]
-        assert not missing, missing
+    with open(os.path.join(os.path.dirname(km.__file__), "__init__.pyi")) as stub:
+        text = stub.read()
+    missing = [n for n in km.__all__ if f" {n}(" not in text and f" {n}:" not in text]
+    assert not missing, f"not in the type stub: {missing}"
 
 
 @pytest.mark.skipif(not km.HAVE_MPI, reason="libkelmatrix_mpi was not built")
