@@ -41,7 +41,8 @@ double band_factor(const FArray& ab, double tol, int reps)
     KelMatrixBanded A;
     A.Dimension(n, n, 0, bw);
     py::gil_scoped_release nogil;
-    return best(reps, [&] { fill(A, ab); }, [&] { Cholesky_factor(A, bw, tol); });
+    return best(
+        reps, [&] { fill(A, ab); }, [&] { Cholesky_factor(A, bw, tol); });
 }
 
 double band_solve(const FArray& ub, const FArray& b, int reps)
@@ -53,7 +54,8 @@ double band_solve(const FArray& ub, const FArray& b, int reps)
     KelMatrix B;
     B.Dimension(n, b.ndim() == 2 ? int(b.shape(1)) : 1, -1, -1);
     py::gil_scoped_release nogil;
-    return best(reps, [&] { fill(B, b); }, [&] { Cholesky_subst(U, bw, B); });
+    return best(
+        reps, [&] { fill(B, b); }, [&] { Cholesky_subst(U, bw, B); });
 }
 
 double kron_solve(const FArray& u1, const FArray& u2, const FArray& x, int reps)
@@ -67,10 +69,12 @@ double kron_solve(const FArray& u1, const FArray& u2, const FArray& x, int reps)
     KelMatrix X;
     X.Dimension(int(x.shape(0)), x.ndim() == 2 ? int(x.shape(1)) : 1, -1, -1);
     py::gil_scoped_release nogil;
-    return best(reps, [&] { fill(X, x); }, [&] {
-        kronecker_lower_substitute(w1, w2, U1, U2, X);
-        kronecker_upper_substitute(w1, w2, U1, U2, X);
-    });
+    return best(
+        reps, [&] { fill(X, x); },
+        [&] {
+            kronecker_lower_substitute(w1, w2, U1, U2, X);
+            kronecker_upper_substitute(w1, w2, U1, U2, X);
+        });
 }
 
 double sparse_solve(int n, py::array_t<int> ia, py::array_t<int> ja, FArray a, FArray b, int mtype,
@@ -83,17 +87,18 @@ double sparse_solve(int n, py::array_t<int> ia, py::array_t<int> ja, FArray a, F
     if (!s.factor())
         return -1.0;
     const int count = int(b.size() / n);
-    return best(reps, [] {}, [&] { s.solve(count, const_cast<double*>(b.data()), x.data()); });
+    return best(
+        reps, [] {}, [&] { s.solve(count, const_cast<double*>(b.data()), x.data()); });
 }
 
-double sparse_factor(int n, py::array_t<int> ia, py::array_t<int> ja, FArray a, int mtype,
-                     int reps)
+double sparse_factor(int n, py::array_t<int> ia, py::array_t<int> ja, FArray a, int mtype, int reps)
 {
     std::vector<int> ia_(ia.data(), ia.data() + ia.size()), ja_(ja.data(), ja.data() + ja.size());
     std::vector<double> a_(a.data(), a.data() + a.size());
     LSMsolver s(n, ia_.data(), ja_.data(), a_.data(), 1, 0, LSMsolver_mattype(mtype));
     py::gil_scoped_release nogil;
-    return best(reps, [&] { s.clear(); }, [&] { s.factor(); });
+    return best(
+        reps, [&] { s.clear(); }, [&] { s.factor(); });
 }
 
 } // namespace

@@ -27,8 +27,7 @@ void check_ndim(const py::array& a, const char* name, int min_ndim, int max_ndim
         std::string want = min_ndim == max_ndim ? std::to_string(min_ndim) + "-D"
                                                 : std::to_string(min_ndim) + "-D or " +
                                                       std::to_string(max_ndim) + "-D";
-        value_error(name, "expected a " + want + " array, got " + std::to_string(a.ndim()) +
-                              "-D");
+        value_error(name, "expected a " + want + " array, got " + std::to_string(a.ndim()) + "-D");
     }
 }
 
@@ -65,8 +64,8 @@ Array inplace_array(const py::handle& obj, const char* name, int min_ndim, int m
         value_error(name, flag + " needs a numpy.ndarray");
     py::array raw = py::reinterpret_borrow<py::array>(obj);
     if (!raw.dtype().is(py::dtype::of<double>()))
-        value_error(name, flag + " needs dtype float64, got " +
-                              py::str(raw.dtype()).cast<std::string>());
+        value_error(name,
+                    flag + " needs dtype float64, got " + py::str(raw.dtype()).cast<std::string>());
     check_ndim(raw, name, min_ndim, max_ndim);
     check_size(raw, name);
     if (!(raw.flags() & py::array::f_style))
@@ -76,8 +75,7 @@ Array inplace_array(const py::handle& obj, const char* name, int min_ndim, int m
     return py::reinterpret_borrow<Array>(raw);
 }
 
-Array argument(const py::handle& obj, const char* name, bool overwrite, int min_ndim,
-               int max_ndim)
+Array argument(const py::handle& obj, const char* name, bool overwrite, int min_ndim, int max_ndim)
 {
     return overwrite ? inplace_array(obj, name, min_ndim, max_ndim)
                      : input_array(obj, name, min_ndim, max_ndim);

@@ -42,8 +42,7 @@ Array input_array(const py::handle& obj, const char* name, int min_ndim, int max
 /// Never converted: a converted copy would silently not be overwritten.
 Array inplace_array(const py::handle& obj, const char* name, int min_ndim, int max_ndim);
 /// input_array or inplace_array, as overwrite says.
-Array argument(const py::handle& obj, const char* name, bool overwrite, int min_ndim,
-               int max_ndim);
+Array argument(const py::handle& obj, const char* name, bool overwrite, int min_ndim, int max_ndim);
 
 /// An array dimension as the library's int (1 for a missing second axis); the size check of
 /// input_array has made it fit.

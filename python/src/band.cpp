@@ -203,8 +203,7 @@ std::unique_ptr<Bordered> make_bordered(int n, int bw, int m)
 py::array view(py::object self, double* data, py::ssize_t rows, py::ssize_t cols)
 {
     return py::array(py::dtype::of<double>(), {rows, cols},
-                     {py::ssize_t(sizeof(double)), py::ssize_t(sizeof(double)) * rows}, data,
-                     self);
+                     {py::ssize_t(sizeof(double)), py::ssize_t(sizeof(double)) * rows}, data, self);
 }
 
 int pick_bandwidth(const Bordered& B, py::object bandwidth)
@@ -230,8 +229,7 @@ int bordered_factor(Bordered& B, double tol, py::object bandwidth)
     return rank;
 }
 
-py::object bordered_solve(Bordered& B, const ArrayLike& b, bool overwrite_b,
-                          py::object bandwidth)
+py::object bordered_solve(Bordered& B, const ArrayLike& b, bool overwrite_b, py::object bandwidth)
 {
     if (!B.factored)
         throw py::value_error("self: solve() needs factor() first");
@@ -279,8 +277,8 @@ std::unique_ptr<Bordered> bordered_from_dense(const ArrayLike& a, int bw, int m)
 void check_border(int n, int m, const char* name)
 {
     if (m < 0 || m > n)
-        value_error(name, "expected 0 <= m <= n = " + std::to_string(n) + ", got " +
-                              std::to_string(m));
+        value_error(name,
+                    "expected 0 <= m <= n = " + std::to_string(n) + ", got " + std::to_string(m));
 }
 
 py::tuple cyclic_cholesky(const ArrayLike& a, int bandwidth, int m, double tol, bool overwrite_a)
@@ -326,8 +324,10 @@ py::object solve_bordered(const ArrayLike& a, const ArrayLike& b, int nb, int ba
     Array A_ = input_array(a, "a", 2, 2), B_ = input_array(b, "b", 1, 2);
     const int n = square_order(A_, "a");
     if (nb < 1 || nb >= n)
-        value_error("nb", "expected 1 <= nb < n = " + std::to_string(n) + " (a non-empty band "
-                          "block and border), got " + std::to_string(nb));
+        value_error("nb", "expected 1 <= nb < n = " + std::to_string(n) +
+                              " (a non-empty band "
+                              "block and border), got " +
+                              std::to_string(nb));
     if (bandwidth < 0)
         value_error("bandwidth", "expected >= 0");
     require_rows(B_, n, "b", "a");
@@ -419,8 +419,8 @@ py::object kron_substitute(const ArrayLike& u1, const ArrayLike& u2, const Array
 void bind_band(py::module_& m)
 {
     using namespace py::literals;
-    m.def("band_cholesky", &band_cholesky, "ab"_a, "tol"_a, py::kw_only(),
-          "overwrite_ab"_a = false, "lower"_a = false,
+    m.def("band_cholesky", &band_cholesky, "ab"_a, "tol"_a, py::kw_only(), "overwrite_ab"_a = false,
+          "lower"_a = false,
           "The library's band Cholesky a = U^T U with dropped pivots; returns (u, rank).\n\n"
           "ab is SciPy's cholesky_banded layout ((bw + 1, n), upper form, or lower form with\n"
           "lower=True), C or Fortran order; u comes back in the same form. It never fails: a\n"
@@ -451,8 +451,9 @@ solve() then solves with the factor.)doc")
         .def_property_readonly("n", [](const Bordered& B) { return B.A.GetRowDim(); })
         .def_property_readonly("bw", &Bordered::bw)
         .def_property_readonly("m", &Bordered::m)
-        .def_property_readonly("factored", [](const Bordered& B) { return B.factored; },
-                               "True after factor(): the views then hold the factor.")
+        .def_property_readonly(
+            "factored", [](const Bordered& B) { return B.factored; },
+            "True after factor(): the views then hold the factor.")
         .def_property_readonly(
             "band",
             [](py::object self) {
@@ -472,8 +473,7 @@ solve() then solves with the factor.)doc")
             "corner",
             [](py::object self) {
                 Bordered& B = self.cast<Bordered&>();
-                return view(self,
-                            B.A.GetElements() + std::size_t(B.nb()) * (B.bw() + 1 + B.m()),
+                return view(self, B.A.GetElements() + std::size_t(B.nb()) * (B.bw() + 1 + B.m()),
                             B.m(), B.m());
             },
             "Writeable (m, m) view of the corner A22 (upper triangle used).")
@@ -486,8 +486,8 @@ solve() then solves with the factor.)doc")
              "Solves a x = b with the factor left by factor(); the matrix is not changed.")
         .def("to_dense", &bordered_to_dense, "The whole symmetric matrix as an (n, n) array.");
 
-    m.def("cyclic_cholesky", &cyclic_cholesky, "a"_a, "bandwidth"_a, "m"_a, "tol"_a,
-          py::kw_only(), "overwrite_a"_a = false,
+    m.def("cyclic_cholesky", &cyclic_cholesky, "a"_a, "bandwidth"_a, "m"_a, "tol"_a, py::kw_only(),
+          "overwrite_a"_a = false,
           "The cyclic band Cholesky of a dense symmetric array whose leading n - m block is a\n"
           "band of half-bandwidth bandwidth and whose last m rows and columns are dense.\n"
           "Returns (u, rank of the Schur complement); u holds U11, W and U22 in the upper\n"

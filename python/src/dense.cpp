@@ -18,7 +18,9 @@ void require_shape(bool ok, const char* name, const char* what, const Array& a)
         return;
     std::string shape = "(";
     for (py::ssize_t k = 0; k < a.ndim(); ++k)
-        shape += std::to_string(a.shape(k)) + (a.ndim() == 1 ? ",)" : k + 1 < a.ndim() ? ", " : ")");
+        shape += std::to_string(a.shape(k)) + (a.ndim() == 1      ? ",)"
+                                               : k + 1 < a.ndim() ? ", "
+                                                                  : ")");
     value_error(name, std::string("expected ") + what + ", got shape " + shape);
 }
 
@@ -90,7 +92,7 @@ py::object solve_banded(std::pair<int, int> l_and_u, const ArrayLike& ab, const 
     require_rows(B_, n, "b", "ab");
     KelMatrixBanded A;
     A.Dimension(n, n, kl, ku);
-    A.SetZero();                                    // the kl fill-in rows of the LU
+    A.SetZero();                                        // the kl fill-in rows of the LU
     copy_in(AB, A.GetElements() + kl, 2 * kl + ku + 1); // SciPy's rows follow them
     auto B = dense_copy(B_);
     auto X = std::make_unique<KelMatrix>();
@@ -104,8 +106,7 @@ py::object solve_banded(std::pair<int, int> l_and_u, const ArrayLike& ab, const 
     return solution(std::move(X), B_, false);
 }
 
-py::object solve_spd(const ArrayLike& a, const ArrayLike& b, bool overwrite_a,
-                     bool overwrite_b)
+py::object solve_spd(const ArrayLike& a, const ArrayLike& b, bool overwrite_a, bool overwrite_b)
 {
     Array A_ = argument(a, "a", overwrite_a, 2, 2), B_ = argument(b, "b", overwrite_b, 1, 2);
     const int n = square_order(A_, "a");
@@ -158,7 +159,8 @@ py::object cholesky(const ArrayLike& a, bool overwrite_a)
     }
     if (info != 0)
         factorization_error("dpotrf", info,
-                            "dpotrf: " + info_text(info, "a leading minor is not positive definite"));
+                            "dpotrf: " +
+                                info_text(info, "a leading minor is not positive definite"));
     double* u = A->GetElements();
     for (int j = 0; j < n; ++j) // U with zeros below the diagonal, as SciPy returns it
         for (int i = j + 1; i < n; ++i)
@@ -206,8 +208,7 @@ py::object cholesky_banded(const ArrayLike& ab, bool overwrite_ab, bool lower)
     return upper_band_result(std::move(A), lower);
 }
 
-py::object cho_solve_banded(const ArrayLike& cb, const ArrayLike& b, bool overwrite_b,
-                            bool lower)
+py::object cho_solve_banded(const ArrayLike& cb, const ArrayLike& b, bool overwrite_b, bool lower)
 {
     Array CB = input_array(cb, "cb", 2, 2), B_ = argument(b, "b", overwrite_b, 1, 2);
     band_width(CB, "cb");
@@ -237,7 +238,8 @@ py::object cho_inverse(const ArrayLike& c, bool overwrite_c)
     }
     if (info != 0)
         factorization_error("dpotri", info,
-                            "dpotri: " + info_text(info, "a diagonal element of the factor is zero"));
+                            "dpotri: " +
+                                info_text(info, "a diagonal element of the factor is zero"));
     if (overwrite_c) {
         copy_out(A->GetElements(), n, C);
         return std::move(C);
@@ -312,7 +314,8 @@ py::tuple lstsq_min_norm(const ArrayLike& a, const ArrayLike& b, py::object rcon
             std::fill(jpvt.begin(), jpvt.end(), 0);
             ok = MinNormLeastSquares(A, B, jpvt.data(), rcond, rank, Xj);
             if (ok)
-                std::copy(Xj.GetElements(), Xj.GetElements() + static_cast<std::size_t>(n) * per_call,
+                std::copy(Xj.GetElements(),
+                          Xj.GetElements() + static_cast<std::size_t>(n) * per_call,
                           X->GetElements() + static_cast<std::size_t>(n) * j0);
         }
     }
@@ -345,17 +348,17 @@ py::object eigh(const ArrayLike& a, bool eigvals_only, const std::string& driver
         ok = EigenValuesS(*A, W->GetElements(), eigvals_only ? nullptr : Z.get(), 0);
     }
     if (!ok)
-        factorization_error(driver == "syev" ? "dsyev" : "dspev", info == 0 ? 1 : info,
-                            "d" + driver + ": " + info_text(info == 0 ? 1 : info,
-                                                            "the eigenvalues did not converge"));
+        factorization_error(
+            driver == "syev" ? "dsyev" : "dspev", info == 0 ? 1 : info,
+            "d" + driver + ": " +
+                info_text(info == 0 ? 1 : info, "the eigenvalues did not converge"));
     py::array w = adopt_dense(std::move(W), true);
     if (eigvals_only)
         return std::move(w);
     return py::make_tuple(w, adopt_dense(std::move(Z)));
 }
 
-py::object matmul(const ArrayLike& a, const ArrayLike& b, bool trans_a, bool trans_b,
-                  double alpha)
+py::object matmul(const ArrayLike& a, const ArrayLike& b, bool trans_a, bool trans_b, double alpha)
 {
     Array A_ = input_array(a, "a", 2, 2), B_ = input_array(b, "b", 2, 2);
     const py::ssize_t inner_a = A_.shape(trans_a ? 0 : 1), inner_b = B_.shape(trans_b ? 1 : 0);

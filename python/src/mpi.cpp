@@ -126,8 +126,8 @@ public:
         r["perturbed_pivots"] = d.perturbedPivots;
         r["peak_factor_memory_kb"] = d.peakFactorMemoryKB;
         r["problem_rank"] = p.rank;
-        r["problem"] = py::make_tuple(int(p.check.code), p.check.row, p.check.position,
-                                      p.check.message);
+        r["problem"] =
+            py::make_tuple(int(p.check.code), p.check.row, p.check.position, p.check.message);
         return r;
     }
 
@@ -154,8 +154,8 @@ private:
         LSMsolver_diagnostics d = solver.diagnostics();
         LSMclusterSolver_input_problem p = solver.input_problem();
         if (p.rank >= 0)
-            raise_error("CsrError", py::make_tuple(int(p.check.code), p.check.row,
-                                                   p.check.position, p.check.message, p.rank));
+            raise_error("CsrError", py::make_tuple(int(p.check.code), p.check.row, p.check.position,
+                                                   p.check.message, p.rank));
         raise_error("SparseSolverError",
                     py::make_tuple(LSMsolver_error_message(d.error), d.error, d.lastPhase));
     }
@@ -179,8 +179,8 @@ PYBIND11_MODULE(_mpi, m)
     if (import_mpi4py() < 0)
         throw py::error_already_set();
     py::class_<ClusterSolver>(m, "_ClusterSolver")
-        .def(py::init<py::object, int, int, int, kelpy::ArrayLike, kelpy::ArrayLike, kelpy::ArrayLike, int, int,
-                      int>(),
+        .def(py::init<py::object, int, int, int, kelpy::ArrayLike, kelpy::ArrayLike,
+                      kelpy::ArrayLike, int, int, int>(),
              "comm"_a, "n"_a, "first_row"_a, "last_row"_a, "indptr"_a, "indices"_a, "data"_a,
              "nrhs"_a, "max_refinement_steps"_a, "mtype"_a)
         .def("factor", &ClusterSolver::factor)

@@ -56,8 +56,8 @@ std::vector<double> values_of(const ArrayLike& a, py::ssize_t nnz, const char* n
 {
     Array A = input_array(a, name, 1, 1);
     if (A.shape(0) != nnz)
-        value_error(name, "expected " + std::to_string(nnz) + " values (one per stored entry), got " +
-                              std::to_string(A.shape(0)));
+        value_error(name, "expected " + std::to_string(nnz) +
+                              " values (one per stored entry), got " + std::to_string(A.shape(0)));
     std::vector<double> v(static_cast<std::size_t>(nnz));
     if (nnz > 0)
         copy_in(A, v.data(), static_cast<int>(nnz));
@@ -109,8 +109,8 @@ py::tuple prepare_csr(int n, const ArrayLike& ia_, const ArrayLike& ja_, const A
 
 class SparseSolver {
 public:
-    SparseSolver(int n, const ArrayLike& ia_, const ArrayLike& ja_, const ArrayLike& a_,
-                 int nrhs, int max_refinement_steps, int mtype)
+    SparseSolver(int n, const ArrayLike& ia_, const ArrayLike& ja_, const ArrayLike& a_, int nrhs,
+                 int max_refinement_steps, int mtype)
     {
         if (n < 1)
             value_error("n", "expected an order >= 1, got " + std::to_string(n));
@@ -226,7 +226,8 @@ public:
         if (state != State::initialized)
             call_order("set_settings(): settings apply to the next factor(); clear() first");
         if (perturbation < 1 || perturbation > 20)
-            value_error("pivot_perturbation", "expected 1 .. 20, got " + std::to_string(perturbation));
+            value_error("pivot_perturbation",
+                        "expected 1 .. 20, got " + std::to_string(perturbation));
         if (ordering != 0 && ordering != 2 && ordering != 3)
             value_error("ordering", "expected minimum_degree, nested_dissection or "
                                     "parallel_nested_dissection");
@@ -287,10 +288,14 @@ public:
     const char* state_name() const
     {
         switch (state) {
-        case State::initialized: return "initialized";
-        case State::factored: return "factored";
-        case State::refactor_failed: return "refactor_failed";
-        default: return "closed";
+        case State::initialized:
+            return "initialized";
+        case State::factored:
+            return "factored";
+        case State::refactor_failed:
+            return "refactor_failed";
+        default:
+            return "closed";
         }
     }
 
@@ -328,8 +333,8 @@ void bind_sparse(py::module_& m)
     m.def("_prepare_csr", &prepare_csr, "n"_a, "indptr"_a, "indices"_a, "data"_a, "base"_a,
           "stored"_a, "mtype"_a);
     py::class_<SparseSolver>(m, "_SparseSolver")
-        .def(py::init<int, ArrayLike, ArrayLike, ArrayLike, int, int, int>(), "n"_a,
-             "indptr"_a, "indices"_a, "data"_a, "nrhs"_a, "max_refinement_steps"_a, "mtype"_a)
+        .def(py::init<int, ArrayLike, ArrayLike, ArrayLike, int, int, int>(), "n"_a, "indptr"_a,
+             "indices"_a, "data"_a, "nrhs"_a, "max_refinement_steps"_a, "mtype"_a)
         .def("factor", &SparseSolver::factor)
         .def("_refactor", &SparseSolver::refactor, "values"_a)
         .def("solve", &SparseSolver::solve, "b"_a)

@@ -227,6 +227,8 @@ def test_thousand_solvers_do_not_grow_resident_memory():
     cycle(1000)
     gc.collect()
     growth = rss_kib() - before
+    if km._build_config.SANITIZED:
+        return  # ASan's quarantine holds freed blocks: resident memory says nothing there
     # Each factorization holds a few hundred KiB; 1000 leaked ones would be hundreds of MiB.
     assert growth < 16 * 1024, f"resident memory grew by {growth} KiB over 1000 solvers"
 
