@@ -125,7 +125,8 @@ def periodic_spline(n, reps):
 
     m = ours()
     ref = CubicSpline(t, y, bc_type="periodic")(t[:-1], 2)
-    assert np.abs(m - ref).max() < 1e-8 * np.abs(ref).max()
+    # Second differences over h^2 carry rounding of order eps / h^2 in both.
+    assert np.abs(m - ref).max() < 100 * np.finfo(float).eps * np.abs(y).max() / h ** 2
     report(f"periodic spline N={n}, 2 coordinates", best(ours, reps),
            best(lambda: CubicSpline(t, y, bc_type="periodic"), reps), "CubicSpline(periodic)",
            f"SciPy on {BLAS}")
