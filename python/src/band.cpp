@@ -265,6 +265,7 @@ std::unique_ptr<Bordered> bordered_from_dense(const ArrayLike& a, int bw, int m)
     const int n = square_order(A_, "a");
     auto B = make_bordered(n, bw, m);
     const int nb = n - m;
+    py::gil_scoped_release nogil; // reads the array's memory only
     for (int j = 0; j < n; ++j)
         for (int i = 0; i <= j; ++i)
             if (j >= nb || j - i <= bw)

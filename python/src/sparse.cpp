@@ -335,16 +335,24 @@ void bind_sparse(py::module_& m)
     py::class_<SparseSolver>(m, "_SparseSolver")
         .def(py::init<int, ArrayLike, ArrayLike, ArrayLike, int, int, int>(), "n"_a, "indptr"_a,
              "indices"_a, "data"_a, "nrhs"_a, "max_refinement_steps"_a, "mtype"_a)
-        .def("factor", &SparseSolver::factor)
+        .def("factor", &SparseSolver::factor,
+             "Checks the arrays (CsrError), then analysis and numerical factorization (PARDISO\n"
+             "phase 12). SparseSolverError on a PARDISO failure; CallOrderError when\n"
+             "a factorization is already held.")
         .def("_refactor", &SparseSolver::refactor, "values"_a)
-        .def("solve", &SparseSolver::solve, "b"_a)
+        .def("solve", &SparseSolver::solve, "b"_a,
+             "Solves a x = b for b of shape (n,) or (n, k) in batches of nrhs; b is not\n"
+             "changed (a Fortran-ordered float64 b is read where it lies). Returns x.")
         .def("_set_settings", &SparseSolver::set_settings)
         .def("_settings", &SparseSolver::settings)
         .def("_diagnostics", &SparseSolver::diagnostics)
         .def("_check", &SparseSolver::check_py)
-        .def("clear", &SparseSolver::clear)
-        .def("close", &SparseSolver::close)
-        .def_property_readonly("state", &SparseSolver::state_name)
+        .def("clear", &SparseSolver::clear,
+             "Releases PARDISO's memory; factor() may run again (new settings first).")
+        .def("close", &SparseSolver::close,
+             "Releases PARDISO's memory and the arrays; the solver is unusable afterwards.")
+        .def_property_readonly("state", &SparseSolver::state_name,
+                               "'initialized', 'factored', 'refactor_failed' or 'closed'.")
         .def_property_readonly("n", [](const SparseSolver& s) { return s.n; })
         .def_property_readonly("nnz", [](const SparseSolver& s) { return s.values.size(); })
         .def_property_readonly("mtype", [](const SparseSolver& s) { return int(s.mtype); })
