@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <cstring>
+#include <optional>
 
 namespace kelpy {
 
@@ -86,11 +87,18 @@ int dim(const Array& a, int axis, const char*)
     return static_cast<int>(axis < a.ndim() ? a.shape(axis) : 1);
 }
 
+// Large copies run without the GIL, so that other Python threads' calls overlap them too; they
+// touch only the array's memory, which the caller's reference keeps alive.
+constexpr py::ssize_t kCopyWithoutGil = 1 << 15;
+
 void copy_in(const Array& a, double* dst, int ld)
 {
     const py::ssize_t rows = a.shape(0), cols = a.ndim() == 2 ? a.shape(1) : 1;
     const py::ssize_t s0 = a.strides(0), s1 = a.ndim() == 2 ? a.strides(1) : 0;
     const char* base = reinterpret_cast<const char*>(a.data());
+    std::optional<py::gil_scoped_release> nogil;
+    if (rows * cols >= kCopyWithoutGil)
+        nogil.emplace();
     for (py::ssize_t j = 0; j < cols; ++j) {
         double* col = dst + static_cast<std::size_t>(ld) * j;
         const char* src = base + s1 * j;
@@ -108,6 +116,9 @@ void copy_out(const double* src, int ld, Array& a)
     const py::ssize_t rows = a.shape(0), cols = a.ndim() == 2 ? a.shape(1) : 1;
     const py::ssize_t s0 = a.strides(0), s1 = a.ndim() == 2 ? a.strides(1) : 0;
     char* base = reinterpret_cast<char*>(a.mutable_data());
+    std::optional<py::gil_scoped_release> nogil;
+    if (rows * cols >= kCopyWithoutGil)
+        nogil.emplace();
     for (py::ssize_t j = 0; j < cols; ++j)
         for (py::ssize_t i = 0; i < rows; ++i)
             std::memcpy(base + s0 * i + s1 * j, src + static_cast<std::size_t>(ld) * j + i,
