@@ -178,6 +178,8 @@ class SparseSolver(_core._SparseSolver):
         the constructor converts. The values are checked first (CsrError, nothing changed);
         after a PARDISO failure solve() raises until a refactor succeeds."""
         if sp.issparse(values):
+            if self.state == "closed":
+                raise ValueError("self: the solver is closed")
             ia, ja, data, _ = _from_sparse(values, self.mtype, self._stored)
             if not (np.array_equal(ia, self.indptr) and np.array_equal(ja, self.indices)):
                 raise ValueError("values: the matrix's pattern differs from the factored one")

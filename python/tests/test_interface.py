@@ -147,7 +147,8 @@ def test_sparse_solver_call_order_and_close(capfd):
         s.set_settings(ordering="amd")
     s.close()
     s.close()                                               # closing twice is fine
-    for call in (s.factor, lambda: s.solve(np.ones(3)), s.clear, lambda: s.refactor([1.0])):
+    for call in (s.factor, lambda: s.solve(np.ones(3)), s.clear, lambda: s.refactor([1.0]),
+                 lambda: s.refactor(a)):
         with pytest.raises(ValueError, match="closed"):
             call()
     with pytest.raises(ValueError, match="^mtype"):
