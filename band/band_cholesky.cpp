@@ -8,14 +8,14 @@
 // every subtraction are fixed: results are reproducible bit for bit. The three diagonal tests
 // differ on purpose (factor: > 0 contributes; forward: >= 0 solves; backward: > 0 solves).
 // Each routine first asks direct_route.h whether its matrices may be addressed directly; if
-// so the kernels of factor_kernels.cpp / substitution_kernels.cpp compute the same bits from
+// so the kernels of factor_kernels.cpp / substitution_body.h compute the same bits from
 // strided views, otherwise the loops below run through the accessor. Nothing is allocated.
 #include <algorithm>
 #include <cmath>
 
+#include "band/band_checks.h"
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
-#include "checks/checks.h"
 #include "kelmatrix/band.h"
 
 namespace kelmatrix {

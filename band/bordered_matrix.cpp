@@ -11,8 +11,8 @@
 #include <cstring>
 #include <utility>
 
-#include "checks/checks.h"
 #include "kelmatrix/band.h"
+#include "matrix/matrix_checks.h"
 #include "matrix/storage_access.h"
 
 KelMatrixBordered::KelMatrixBordered() : borderSize(0), outside(0.0)
@@ -20,6 +20,37 @@ KelMatrixBordered::KelMatrixBordered() : borderSize(0), outside(0.0)
 }
 
 KelMatrixBordered::~KelMatrixBordered() = default;
+
+using kelmatrix::internal::StorageAccess;
+
+KelMatrixBordered::KelMatrixBordered(const KelMatrixBordered& src) : KelMatrixBordered()
+{
+    *this = src;
+}
+
+KelMatrixBordered::KelMatrixBordered(KelMatrixBordered&& src) noexcept : KelMatrixBordered()
+{
+    *this = std::move(src);
+}
+
+KelMatrixBordered& KelMatrixBordered::operator=(const KelMatrixBordered& src)
+{
+    StorageAccess::copy_into(*this, src);
+    borderSize = src.borderSize;
+    return *this;
+}
+
+KelMatrixBordered& KelMatrixBordered::operator=(KelMatrixBordered&& src) noexcept
+{
+    if (this == &src)
+        return *this;
+    delete[] rawStorage;
+    rawStorage = nullptr;
+    StorageAccess::move_into(*this, src);
+    borderSize = src.borderSize;
+    src.borderSize = 0;
+    return *this;
+}
 
 const char* KelMatrixBordered_message(int status)
 {

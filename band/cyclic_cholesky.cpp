@@ -13,9 +13,9 @@
 // only; the band block's count is discarded.
 #include <algorithm>
 
+#include "band/band_checks.h"
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
-#include "checks/checks.h"
 #include "kelmatrix/band.h"
 
 using namespace kelmatrix::internal;
@@ -30,10 +30,11 @@ int block_width(int bw, int nb)
 }
 
 // The band block's temporary, symmetric with the upper triangle stored and holding only the
-// band the routines touch. With bw >= 1 every element they read is copied in first (A11's
-// band, for i <= j <= i + bw); with bw < 1 the band is the whole block (Deliberate: bw is used
-// as given, so bw = 0 copies only the diagonal and bw < 0 nothing) and the rest reads as zero.
-void make_band_block(KelMatrixBanded& T, int nb, int bw, int width)
+// band the routines touch, with A11's band (i <= j <= i + bw) copied in. With bw >= 1 that is
+// every element the routines read; with bw < 1 the band is the whole block (Deliberate: bw is
+// used as given, so bw = 0 copies only the diagonal and bw < 0 nothing) and the rest reads as
+// zero.
+void make_band_block(KelMatrixBanded& T, KelGenericMatrix& A, int nb, int bw, int width)
 {
     const int order = std::max(nb, 0);
     T.SetSymmetric(true);
@@ -41,6 +42,9 @@ void make_band_block(KelMatrixBanded& T, int nb, int bw, int width)
     T.Dimension(order, order, 0, std::max(0, std::min(width, order - 1)));
     if (bw < 1)
         T.SetZero();
+    for (int i = 0; i < nb; ++i)
+        for (int j = i; j <= std::min(nb - 1, i + bw); ++j)
+            T(i, j) = A(i, j);
 }
 
 // The Schur complement's temporary: dense, symmetric, upper, order m, no band recorded, zeroed.
@@ -66,11 +70,8 @@ int cyclic_Cholesky_factor(KelGenericMatrix& A, int bandWidth, int m, double tol
     const int width = block_width(bw, nb);
     KelMatrixBanded T; // exactly the library's types, so that the band routines address them
     KelMatrix S;       // directly
-    make_band_block(T, nb, bw, width);
+    make_band_block(T, A, nb, bw, width);
     make_corner_block(S, m);
-    for (int i = 0; i < nb; ++i)
-        for (int j = i; j <= std::min(nb - 1, i + bw); ++j)
-            T(i, j) = A(i, j);
     Cholesky_factor(T, width, tol); // Deliberate: the band block's count is not reported
     for (int i = 0; i < nb; ++i)
         for (int j = i; j <= std::min(nb - 1, i + bw); ++j)
@@ -105,11 +106,8 @@ void cyclic_Cholesky_subst(KelGenericMatrix& A, int bandWidth, int m, KelMatrix&
     const int width = block_width(bw, nb);
     KelMatrixBanded T; // exactly the library's types, so that the band routines address them
     KelMatrix S;       // directly
-    make_band_block(T, nb, bw, width);
+    make_band_block(T, A, nb, bw, width);
     make_corner_block(S, m);
-    for (int i = 0; i < nb; ++i)
-        for (int j = i; j <= std::min(nb - 1, i + bw); ++j)
-            T(i, j) = A(i, j);
     for (int r = 0; r < m; ++r)
         for (int c = r; c < m; ++c)
             S(r, c) = A(nb + r, nb + c);

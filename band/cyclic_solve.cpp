@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "checks/checks.h"
+#include "band/band_checks.h"
 #include "kelmatrix/band.h"
 #include "matrix/mkl_bindings.h"
 
@@ -38,127 +38,155 @@ void copy_elements(KelMatrix& dst, const KelMatrix& src)
         std::memcpy(dst.GetElements(), src.GetElements(), sizeof(double) * src.GetStorageSize());
 }
 
+// The blocks of the bordered system, each a temporary of its own.
+struct Blocks {
+    int nb, m, nrhs, kd, ldab;
+    KelMatrixBanded AB; // A11, then its factor
+    KelMatrix E;        // A12
+    KelMatrix S;        // A22, then the Schur complement, then its factor
+    KelMatrix B1;       // leading right-hand sides, then X1
+    KelMatrix B2;       // border right-hand sides, then X2
+};
+
+// Copies the upper band of A11, A12, the upper triangle of A22 and both parts of B into the
+// blocks, every other element zero.
+void copy_in(const KelMatrix& A, const KelMatrix& B, Blocks& t)
+{
+    const int nb = t.nb, m = t.m, kd = t.kd;
+    // kl = 0, ku = kd: exactly LAPACK's upper symmetric band storage with LDAB = kd + 1.
+    t.AB.SetSymmetric(true);
+    t.AB.Dimension(nb, nb, 0, kd);
+    t.AB.SetZero();
+    t.E.Dimension(nb, m, -1, -1);
+    t.E.SetZero();
+    t.S.SetSymmetric(true);
+    t.S.SetUsesUpper();
+    t.S.Dimension(m, m, -1, -1);
+    t.S.SetZero();
+    t.B1.Dimension(nb, t.nrhs, -1, -1);
+    t.B1.SetZero();
+    t.B2.Dimension(m, t.nrhs, -1, -1);
+    t.B2.SetZero();
+
+    for (int i = 0; i < nb; ++i) {
+        const int j_end = std::min(nb - 1, i + kd);
+        for (int j = i; j <= j_end; ++j)
+            t.AB(i, j) = A(i, j);
+    }
+    for (int i = 0; i < nb; ++i)
+        for (int k = 0; k < m; ++k)
+            t.E(i, k) = A(i, nb + k);
+    for (int r = 0; r < m; ++r)
+        for (int c = r; c < m; ++c)
+            t.S(r, c) = A(nb + r, nb + c);
+    for (int c = 0; c < t.nrhs; ++c) {
+        for (int i = 0; i < nb; ++i)
+            t.B1(i, c) = B(i, c);
+        for (int r = 0; r < m; ++r)
+            t.B2(r, c) = B(nb + r, c);
+    }
+}
+
+// P := A11^-1 P with the band factor in AB.
+bool band_solve(Blocks& t, KelMatrix& P)
+{
+    const char uplo = 'U';
+    int cols = P.GetColDim(), info = 0;
+    dpbtrs(&uplo, &t.nb, &t.kd, &cols, t.AB.GetElements(), &t.ldab, P.GetElements(), &t.nb, &info,
+           /*uplo_len=*/1);
+    return info == 0;
+}
+
+// T(r, c) -= sum_{k < depth} P(k, c) e(k, r) for r < T.rows and c from r (upper) or 0; each
+// sum from 0 in ascending k, subtracted once.
+template <class Factor>
+void subtract_product(KelMatrix& T, const KelMatrix& P, int depth, Factor e, bool upper)
+{
+    const int rows = T.GetRowDim(), cols = T.GetColDim();
+    for (int r = 0; r < rows; ++r)
+        for (int c = upper ? r : 0; c < cols; ++c) {
+            double sigma = 0.0;
+            for (int k = 0; k < depth; ++k)
+                sigma = sigma + P(k, c) * e(k, r);
+            T(r, c) = T(r, c) - sigma;
+        }
+}
+
+// S = A22 - A12^T A11^-1 A12 and B2 - A12^T A11^-1 B1: the border's Schur complement system.
+bool form_schur_complement(Blocks& t)
+{
+    KelMatrix W; // A11^-1 A12, overwritten whole
+    W.Dimension(t.nb, t.m, -1, -1);
+    copy_elements(W, t.E);
+    if (!band_solve(t, W))
+        return false;
+    const auto e_transposed = [&t](int k, int r) { return t.E(k, r); }; // A12^T
+    subtract_product(t.S, W, t.nb, e_transposed, /*upper=*/true);
+
+    KelMatrix Y; // A11^-1 B1, overwritten whole
+    Y.Dimension(t.nb, t.nrhs, -1, -1);
+    copy_elements(Y, t.B1);
+    if (!band_solve(t, Y))
+        return false;
+    subtract_product(t.B2, Y, t.nb, e_transposed, /*upper=*/false);
+    return true;
+}
+
+// X2 from S X2 = B2 by dposv, into B2.
+bool solve_border(Blocks& t)
+{
+    const char uplo = 'U';
+    const int m = t.m;
+    // Deliberate: a negative first diagonal (strict; zero and NaN do not trigger) negates the
+    // whole system S X2 = B2, which leaves X2 unchanged and makes a negative definite S
+    // positive definite. Only S(0, 0) is inspected: an indefinite S fails in dposv. With m = 0
+    // there is no S(0, 0) to inspect, and dposv rejects the empty order anyway.
+    if (m > 0 && t.S(0, 0) < 0.0) {
+        for (int r = 0; r < m; ++r) {
+            for (int c = r; c < m; ++c)
+                flip_sign(t.S(r, c));
+            for (int c = 0; c < t.nrhs; ++c)
+                flip_sign(t.B2(r, c));
+        }
+    }
+    int info = 0;
+    dposv(&uplo, &t.m, &t.nrhs, t.S.GetElements(), &t.m, t.B2.GetElements(), &t.m, &info, 1);
+    return info == 0;
+}
+
+// X1 = A11^-1 (B1 - A12 X2), into B1.
+bool back_substitute(Blocks& t)
+{
+    subtract_product(
+        t.B1, t.B2, t.m, [&t](int k, int i) { return t.E(i, k); }, /*upper=*/false);
+    return band_solve(t, t.B1);
+}
+
 } // namespace
 
 bool SolveBSP_Cyclic(const KelMatrix& A, const KelMatrix& B, int nb, int bandWidth, KelMatrix& X)
 {
     KELMATRIX_CHECK(cyclic_solve(A, B, nb, bandWidth));
     const char uplo = 'U';
-    const int n = A.GetRowDim(), m = n - nb, nrhs = B.GetColDim();
-    const int kd = bandWidth / 2; // Deliberate: bandWidth is the total width; 2 and 3 give 1
-    const int ldab = kd + 1;
+    Blocks t;
+    t.nb = nb;
+    t.m = A.GetRowDim() - nb;
+    t.nrhs = B.GetColDim();
+    t.kd = bandWidth / 2; // Deliberate: bandWidth is the total width; 2 and 3 give 1
+    t.ldab = t.kd + 1;
+    copy_in(A, B, t);
+
     int info = 0;
-
-    // kl = 0, ku = kd: exactly LAPACK's upper symmetric band storage with LDAB = kd + 1.
-    KelMatrixBanded AB; // A11, then its factor
-    AB.SetSymmetric(true);
-    AB.Dimension(nb, nb, 0, kd);
-    AB.SetZero();
-    KelMatrix E; // A12
-    E.Dimension(nb, m, -1, -1);
-    E.SetZero();
-    KelMatrix S; // A22, then the Schur complement, then its factor
-    S.SetSymmetric(true);
-    S.SetUsesUpper();
-    S.Dimension(m, m, -1, -1);
-    S.SetZero();
-    KelMatrix B1; // leading right-hand sides, then X1
-    B1.Dimension(nb, nrhs, -1, -1);
-    B1.SetZero();
-    KelMatrix B2; // border right-hand sides, then X2
-    B2.Dimension(m, nrhs, -1, -1);
-    B2.SetZero();
-    KelMatrix W; // A11^-1 A12, overwritten whole
-    W.Dimension(nb, m, -1, -1);
-    KelMatrix Y; // A11^-1 B1, overwritten whole
-    Y.Dimension(nb, nrhs, -1, -1);
-
-    for (int i = 0; i < nb; ++i) {
-        const int j_end = std::min(nb - 1, i + kd);
-        for (int j = i; j <= j_end; ++j)
-            AB(i, j) = A(i, j);
-    }
-    for (int i = 0; i < nb; ++i)
-        for (int k = 0; k < m; ++k)
-            E(i, k) = A(i, nb + k);
-    for (int r = 0; r < m; ++r)
-        for (int c = r; c < m; ++c)
-            S(r, c) = A(nb + r, nb + c);
-    for (int c = 0; c < nrhs; ++c) {
-        for (int i = 0; i < nb; ++i)
-            B1(i, c) = B(i, c);
-        for (int r = 0; r < m; ++r)
-            B2(r, c) = B(nb + r, c);
-    }
-
-    dpbtrf(&uplo, &nb, &kd, AB.GetElements(), &ldab, &info, /*uplo_len=*/1);
-    if (info != 0)
-        return false;
-
-    copy_elements(W, E);
-    dpbtrs(&uplo, &nb, &kd, &m, AB.GetElements(), &ldab, W.GetElements(), &nb, &info, 1);
-    if (info != 0)
-        return false;
-
-    // S = A22 - A12^T W, upper triangle; each sum from 0 in ascending k, subtracted once.
-    for (int r = 0; r < m; ++r)
-        for (int c = r; c < m; ++c) {
-            double sigma = 0.0;
-            for (int k = 0; k < nb; ++k)
-                sigma = sigma + W(k, c) * E(k, r);
-            S(r, c) = S(r, c) - sigma;
-        }
-
-    copy_elements(Y, B1);
-    dpbtrs(&uplo, &nb, &kd, &nrhs, AB.GetElements(), &ldab, Y.GetElements(), &nb, &info, 1);
-    if (info != 0)
-        return false;
-
-    // B2 - A12^T Y: the border right-hand sides of the Schur complement system.
-    for (int r = 0; r < m; ++r)
-        for (int c = 0; c < nrhs; ++c) {
-            double sigma = 0.0;
-            for (int k = 0; k < nb; ++k)
-                sigma = sigma + Y(k, c) * E(k, r);
-            B2(r, c) = B2(r, c) - sigma;
-        }
-
-    // Deliberate: a negative first diagonal (strict; zero and NaN do not trigger) negates the
-    // whole system S X2 = B2, which leaves X2 unchanged and makes a negative definite S
-    // positive definite. Only S(0, 0) is inspected: an indefinite S fails in dposv. With m = 0
-    // there is no S(0, 0) to inspect, and dposv rejects the empty order anyway.
-    if (m > 0 && S(0, 0) < 0.0) {
-        for (int r = 0; r < m; ++r) {
-            for (int c = r; c < m; ++c)
-                flip_sign(S(r, c));
-            for (int c = 0; c < nrhs; ++c)
-                flip_sign(B2(r, c));
-        }
-    }
-
-    dposv(&uplo, &m, &nrhs, S.GetElements(), &m, B2.GetElements(), &m, &info, 1);
-    if (info != 0)
-        return false;
-
-    // B1 - A12 X2, then X1 with the band factor.
-    for (int i = 0; i < nb; ++i)
-        for (int c = 0; c < nrhs; ++c) {
-            double sigma = 0.0;
-            for (int k = 0; k < m; ++k)
-                sigma = sigma + B2(k, c) * E(i, k);
-            B1(i, c) = B1(i, c) - sigma;
-        }
-
-    dpbtrs(&uplo, &nb, &kd, &nrhs, AB.GetElements(), &ldab, B1.GetElements(), &nb, &info, 1);
-    if (info != 0)
+    dpbtrf(&uplo, &t.nb, &t.kd, t.AB.GetElements(), &t.ldab, &info, /*uplo_len=*/1);
+    if (info != 0 || !form_schur_complement(t) || !solve_border(t) || !back_substitute(t))
         return false;
 
     X.Dimension(B.GetRowDim(), B.GetColDim(), -1, -1);
-    for (int c = 0; c < nrhs; ++c) {
+    for (int c = 0; c < t.nrhs; ++c) {
         for (int i = 0; i < nb; ++i)
-            X(i, c) = B1(i, c);
-        for (int r = 0; r < m; ++r)
-            X(nb + r, c) = B2(r, c);
+            X(i, c) = t.B1(i, c);
+        for (int r = 0; r < t.m; ++r)
+            X(nb + r, c) = t.B2(r, c);
     }
     return true;
 }

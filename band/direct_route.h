@@ -4,7 +4,7 @@
 // Every native routine is written once, through the virtual element accessor: the generic
 // route, which serves any storage. When its matrices are the library's own storage types laid
 // out so that no element the call touches shares an address with another, the routine may
-// instead hand strided views of their arrays to the direct kernels (band_kernels.h), which give
+// instead hand strided views of their arrays to the direct kernels (direct_kernels.h), which give
 // the same bits faster. The functions below make that decision, one per family of entry
 // points, and all of them apply the same three conditions (direct_route.cpp):
 //   1. each matrix is exactly one of the library's types (a derived class may override the

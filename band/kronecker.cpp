@@ -20,16 +20,19 @@
 // matrices released on every path.
 #include <algorithm>
 
+#include "band/band_checks.h"
 #include "band/band_substitution.h"
 #include "band/direct_kernels.h"
-#include "band/simd_pair.h"
-#include "checks/checks.h"
+#include "band/kronecker_widths.h"
+#include "band/simd.h"
 #include "kelmatrix/band.h"
 #include "kelmatrix/dense.h"
 
 using namespace kelmatrix::internal;
 
 namespace {
+
+using Pair = simd::Vec<2>;
 
 // dst(j, i) = src(i, j) for i < rows, j < cols (column-major, leading dimensions lds and ldd),
 // in square tiles so that both sides stay in cache; inside a tile two rows of src at a time
@@ -45,10 +48,11 @@ void transpose(const double* src, long long lds, double* dst, long long ldd, int
             for (; i + 1 < i1; i += 2) {
                 int j = j0;
                 for (; j + 1 < j1; j += 2) {
-                    const Pair a = load_pair(src + i + j * lds);       // src(i, j), src(i+1, j)
-                    const Pair b = load_pair(src + i + (j + 1) * lds); // src(i, j+1), src(i+1, j+1)
-                    store_pair(dst + j + i * ldd, Pair{a[0], b[0]});
-                    store_pair(dst + j + (i + 1) * ldd, Pair{a[1], b[1]});
+                    const Pair a = simd::load<Pair>(src + i + j * lds); // src(i, j), src(i+1, j)
+                    const Pair b =
+                        simd::load<Pair>(src + i + (j + 1) * lds); // src(i, j+1), src(i+1, j+1)
+                    simd::store(dst + j + i * ldd, Pair{a[0], b[0]});
+                    simd::store(dst + j + (i + 1) * ldd, Pair{a[1], b[1]});
                 }
                 if (j < j1) {
                     dst[j + i * ldd] = src[i + j * lds];
@@ -116,52 +120,40 @@ inline int slot(int k, int w1, int q)
     return ring_rows > 0 ? (k * q) % ring_rows : 0;
 }
 
-// z_i = (x_i - sum_{k<i} U1(k,i) z_k) / U1(i,i) with z_k = U2^T y_k: the ring keeps z, the values
-// between the division and the inner solve, of the last w1 + 1 blocks. inner(off, c) solves
-// with U2 on rows off .. off + q - 1 of column c.
-template <class U1, class XA, class Inner>
-void lower_substitute(int p, int q, int w1, U1& u1, XA& x, int ncols, double* ring, Inner inner)
-{
-    for (int c = 0; c < ncols; ++c) {
-        for (int i = 0; i < p; ++i) {
-            const double d = u1(i, i);
-            const int si = slot(i, w1, q);
-            if (d >= 0.0) { // zero is divided by; negative (dropped) and NaN zero the block
-                for (int k = i - 1; k >= 0 && i - k <= w1; --k) {
-                    if (u1(k, k) > 0.0) { // strict: dropped and zero diagonals do not contribute
-                        const double f = u1(k, i);
-                        const int sk = slot(k, w1, q);
-                        for (int t = 0; t < q; ++t)
-                            x(i * q + t, c) -= f * ring[sk + t];
-                    }
-                }
-                for (int t = 0; t < q; ++t) {
-                    x(i * q + t, c) /= d;
-                    ring[si + t] = x(i * q + t, c);
-                }
-                inner(i * q, c);
-            } else {
-                for (int t = 0; t < q; ++t) {
-                    ring[si + t] = 0.0;
-                    x(i * q + t, c) = 0.0;
-                }
-            }
-        }
+// What distinguishes the two substitutions. The lower one runs the blocks i up and each sum
+// over the blocks k below i, reading U1(k, i); the upper one runs i down and k over the blocks
+// above i, reading U1(i, k). Deliberate: the lower substitution solves a block unless
+// U1(i, i) < 0, so a zero diagonal is divided by, while the upper one solves only when
+// U1(i, i) > 0, so a zero diagonal zeroes the block; NaN zeroes it in both.
+template <bool Lower> struct BlockPass {
+    static int first(int p) { return Lower ? 0 : p - 1; }
+    static int next(int i) { return Lower ? i + 1 : i - 1; }
+    static int prev(int k) { return Lower ? k - 1 : k + 1; } // the next term of a sum
+    static bool in(int i, int p) { return i >= 0 && i < p; }
+    static int distance(int i, int k) { return Lower ? i - k : k - i; }
+    static bool solves(double d) { return Lower ? d >= 0.0 : d > 0.0; }
+    template <class U1> static double coefficient(U1& u1, int i, int k)
+    {
+        return Lower ? u1(k, i) : u1(i, k);
     }
-}
+};
 
-// The mirror image: z_i = (x_i - sum_{k>i} U1(i,k) z_k) / U1(i,i) with z_k = U2 y_k.
-template <class U1, class XA, class Inner>
-void upper_substitute(int p, int q, int w1, U1& u1, XA& x, int ncols, double* ring, Inner inner)
+// z_i = (x_i - sum_k U1(k,i) z_k) / U1(i,i) over the blocks k before i in the pass's order,
+// with z_k = U2^T y_k (lower) or U2 y_k (upper): the ring keeps z, the values between the
+// division and the inner solve, of the last w1 + 1 blocks. inner(off, c) solves with U2 on rows
+// off .. off + q - 1 of column c.
+template <bool Lower, class U1, class XA, class Inner>
+void substitute_blocks(int p, int q, int w1, U1& u1, XA& x, int ncols, double* ring, Inner inner)
 {
+    using P = BlockPass<Lower>;
     for (int c = 0; c < ncols; ++c) {
-        for (int i = p - 1; i >= 0; --i) {
+        for (int i = P::first(p); P::in(i, p); i = P::next(i)) {
             const double d = u1(i, i);
             const int si = slot(i, w1, q);
-            if (d > 0.0) { // Deliberate: strict, so a zero diagonal zeroes the block here
-                for (int k = i + 1; k < p && k - i <= w1; ++k) {
+            if (P::solves(d)) {
+                for (int k = P::prev(i); P::in(k, p) && P::distance(i, k) <= w1; k = P::prev(k)) {
                     if (u1(k, k) > 0.0) { // strict: dropped and zero diagonals do not contribute
-                        const double f = u1(i, k);
+                        const double f = P::coefficient(u1, i, k);
                         const int sk = slot(k, w1, q);
                         for (int t = 0; t < q; ++t)
                             x(i * q + t, c) -= f * ring[sk + t];
@@ -194,10 +186,7 @@ void substitute(int w1, int w2, KelGenericMatrix& U1, KelGenericMatrix& U2, KelM
     double* ring = W.GetElements(); // W(r, 0) lies at ring[r]: a plain column
 
     auto run = [&](auto& u1, auto& x, auto inner) {
-        if (Lower)
-            lower_substitute(p, q, w1, u1, x, ncols, ring, inner);
-        else
-            upper_substitute(p, q, w1, u1, x, ncols, ring, inner);
+        substitute_blocks<Lower>(p, q, w1, u1, x, ncols, ring, inner);
     };
     StridedView u1, u2, x;
     if (direct_kronecker(U1, w1, U2, w2, X, u1, u2, x)) {
@@ -223,22 +212,15 @@ void kronecker_lower_substitute(int w1, int w2, KelGenericMatrix& U1, KelGeneric
                                 KelMatrix& X)
 {
     KELMATRIX_CHECK(kronecker_substitution("kronecker_lower_substitute", false, w1, w2, U1, U2, X));
-    const int p = U1.GetRowDim(), q = U2.GetRowDim();
-    if (w1 <= 0)
-        w1 = p;
-    if (w2 <= 0)
-        w2 = q;
-    substitute<true>(w1, w2, U1, U2, X);
+    const KroneckerWidths w = kronecker_widths(false, w1, w2, U1.GetRowDim(), U2.GetRowDim());
+    substitute<true>(w.w1, w.w2, U1, U2, X);
 }
 
 void kronecker_upper_substitute(int w1, int w2, KelGenericMatrix& U1, KelGenericMatrix& U2,
                                 KelMatrix& X)
 {
     KELMATRIX_CHECK(kronecker_substitution("kronecker_upper_substitute", true, w1, w2, U1, U2, X));
-    const int p = U1.GetRowDim();
-    if (w1 <= 0)
-        w1 = p;
-    if (w2 <= 0)
-        w2 = p; // Deliberate: U1's order, not U2's as in the lower; positive widths never see it
-    substitute<false>(w1, w2, U1, U2, X);
+    // Deliberate: w2 <= 0 resolves to U1's order here, to U2's in the lower substitution.
+    const KroneckerWidths w = kronecker_widths(true, w1, w2, U1.GetRowDim(), U2.GetRowDim());
+    substitute<false>(w.w1, w.w2, U1, U2, X);
 }

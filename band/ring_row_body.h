@@ -1,6 +1,6 @@
 // KELMATRIX ring-kernel row update for widths 16 to 63, one instruction set (internal)
-// Included once per instruction set by tiled_factor*.cpp beside tiled_factor_body.h, with the
-// same KEL_ISA_NS, KEL_ISA_TARGET and KEL_ISA_WIDTH.
+// Included once per instruction set by vector_kernels.h (KEL_ISA_NS, KEL_ISA_TARGET and
+// KEL_ISA_WIDTH as described there).
 //
 // Row i of the narrow-band factorization (factor_kernels.cpp): U(i, i + t) for t = 1 .. jl from
 // A(i, i + t) minus U(k, i + t) U(k, i) over the rows k = i - e of the ring that reach column
@@ -10,18 +10,17 @@
 // only the lanes it reaches take the term (a select, not arithmetic). Every sum gets exactly the
 // scalar sequence: each product rounded, then subtracted, in ascending k.
 #include <algorithm>
-#include <cstring>
 
 #include "band/direct_route.h"
+#include "band/simd.h"
 
 namespace kelmatrix {
 namespace internal {
 namespace KEL_ISA_NS {
 namespace {
 
-typedef double RowVec __attribute__((vector_size(KEL_ISA_WIDTH * sizeof(double))));
-
-typedef long long RowMask __attribute__((vector_size(KEL_ISA_WIDTH * sizeof(long long))));
+using Vec = simd::Vec<KEL_ISA_WIDTH>;
+using Mask = simd::Mask<KEL_ISA_WIDTH>;
 
 constexpr int kChunks = 8; // vectors of sums held at once
 
@@ -33,14 +32,11 @@ KEL_ISA_TARGET void ring_group(const StridedView& a, int i, int w, int jl, int t
     const int R = w + 1, tn = std::min(kChunks * L, jl - t0 + 1);
     // Every index into acc is a constant once the loops over chunks and lanes are unrolled, so
     // the sums stay in registers (a sum stored lane by lane and reloaded whole would stall).
-    RowMask lane;
-#pragma GCC unroll 8
-    for (int l = 0; l < L; ++l)
-        lane[l] = l;
-    RowVec acc[kChunks];
+    const Mask lane = simd::lanes<Mask>();
+    Vec acc[kChunks];
 #pragma GCC unroll 8
     for (int c = 0; c < kChunks; ++c) {
-        RowVec v = {};
+        Vec v = {};
 #pragma GCC unroll 8
         for (int l = 0; l < L; ++l)
             if (c * L + l < tn)
@@ -58,25 +54,16 @@ KEL_ISA_TARGET void ring_group(const StridedView& a, int i, int w, int jl, int t
         for (int c = 0; c < kChunks; ++c) {
             const int left = reach - c * L;
             if (left >= L) {
-                RowVec y;
-                std::memcpy(&y, x + c * L, sizeof y);
-                acc[c] -= y * f;
+                acc[c] -= simd::load<Vec>(x + c * L) * f;
             } else if (left > 0) { // lanes below left take the term, the others keep their sum
-                RowVec y;
-                std::memcpy(&y, x + c * L, sizeof y); // past the row: the ring's next slot
-                const RowVec z = acc[c] - y * f;
-                const RowMask take = lane < left;
-                RowMask bits, keep;
-                std::memcpy(&bits, &z, sizeof z);
-                std::memcpy(&keep, &acc[c], sizeof keep);
-                bits = (bits & take) | (keep & ~take);
-                std::memcpy(&acc[c], &bits, sizeof bits);
+                const Vec y = simd::load<Vec>(x + c * L); // past the row: the ring's next slot
+                acc[c] = simd::select(lane < left, acc[c] - y * f, acc[c]);
             }
         }
     }
 #pragma GCC unroll 8
     for (int c = 0; c < kChunks; ++c) {
-        const RowVec u = acc[c] / pivot;
+        const Vec u = acc[c] / pivot;
 #pragma GCC unroll 8
         for (int l = 0; l < L; ++l)
             if (c * L + l < tn) {

@@ -1,7 +1,7 @@
 // KELMATRIX band substitution kernels, one instruction set (internal)
 // The forward and backward passes on strided views, bit for bit as the generic loops. Included
-// once per instruction set by substitution_kernels*.cpp, which define KEL_ISA_NS, KEL_ISA_TARGET
-// and KEL_ISA_WIDTH as for tiled_factor_body.h.
+// once per instruction set by vector_kernels.h (KEL_ISA_NS, KEL_ISA_TARGET and KEL_ISA_WIDTH as
+// described there).
 //
 // One right-hand side runs the generic loop with U's diagonal read once per row and the
 // unknown just solved kept in a register. Several right-hand sides are walked together in
@@ -17,16 +17,12 @@
 #include <type_traits>
 
 #include "band/direct_kernels.h"
+#include "band/simd.h"
 
 namespace kelmatrix {
 namespace internal {
 namespace KEL_ISA_NS {
 namespace {
-
-// L doubles side by side: each lane takes exactly the scalar operations.
-template <int L> struct Lanes {
-    typedef double type __attribute__((vector_size(L * sizeof(double))));
-};
 
 // Right-hand sides walked together, at most.
 constexpr int kColumnBlock = 16;
@@ -106,9 +102,9 @@ KEL_ISA_TARGET void walk_column(const StridedView& u_view, const StridedView& di
 }
 
 // b(row, c .. c + L - 1) as one vector.
-template <class Vec, int L> KEL_ISA_TARGET inline Vec gather(const StridedView& b, int row, int c)
+template <int L> KEL_ISA_TARGET inline simd::Vec<L> gather(const StridedView& b, int row, int c)
 {
-    Vec x = {};
+    simd::Vec<L> x = {};
     for (int l = 0; l < L; ++l)
         x[l] = b(row, c + l);
     return x;
@@ -124,7 +120,7 @@ KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& dia
     const StridedView u = u_view, diag = diag_view, b = b_view; // as in walk_column
     using P = Pass<Forward>;
     constexpr int L = W < KEL_ISA_WIDTH ? W : KEL_ISA_WIDTH, V = W / L;
-    typedef typename Lanes<L>::type Vec;
+    using VecL = simd::Vec<L>; // L <= KEL_ISA_WIDTH lanes
     const int rows = std::min(bw, n - 1) + 1;
     const auto up = [rows](int s) { return s + 1 == rows ? 0 : s + 1; };
     const auto down = [rows](int s) { return s == 0 ? rows - 1 : s - 1; };
@@ -139,9 +135,9 @@ KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& dia
             continue;
         }
         // Vectors built lane by lane in registers (a wide load of narrow stores would stall).
-        Vec s[V];
+        VecL s[V];
         for (int v = 0; v < V; ++v)
-            s[v] = gather<Vec, L>(b, i + off, c0 + L * v);
+            s[v] = gather<L>(b, i + off, c0 + L * v);
         const int k_last = P::last_term(i, n, bw);
         const bool fetch = P::in(Forward ? i + ahead : i - ahead, n);
         for (int k = P::prev(i), sk = Forward ? down(si) : up(si); P::reaches(k, k_last);
@@ -151,16 +147,13 @@ KEL_ISA_TARGET void walk_block(const StridedView& u_view, const StridedView& dia
             if (diag(k, k) >= 0.0) { // zero included, NaN excluded
                 const double f = P::coefficient(u, i, k);
                 const double* xk = ring + sk * W;
-                for (int v = 0; v < V; ++v) {
-                    Vec x;
-                    std::memcpy(&x, xk + L * v, sizeof x);
-                    s[v] -= x * f;
-                }
+                for (int v = 0; v < V; ++v)
+                    s[v] -= simd::load<VecL>(xk + L * v) * f;
             }
         }
         for (int v = 0; v < V; ++v) {
-            const Vec x = s[v] / d;
-            std::memcpy(xi + L * v, &x, sizeof x);
+            const VecL x = s[v] / d;
+            simd::store(xi + L * v, x);
             for (int l = 0; l < L; ++l)
                 b(i + off, c0 + L * v + l) = x[l];
         }
@@ -182,7 +175,7 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
     const StridedView u = u_view, diag = diag_view, b = b_view; // as in walk_column
     using P = Pass<Forward>;
     constexpr int L = W < KEL_ISA_WIDTH ? W : KEL_ISA_WIDTH, V = W / L;
-    typedef typename Lanes<L>::type Vec;
+    using VecL = simd::Vec<L>; // L <= KEL_ISA_WIDTH lanes
     const long long cs = b.cs;
     double* const base = b.p + off + c0 * cs; // row off of column c0
     // Tile t holds the rows at pass positions tW .. tW + W - 1; its lowest row:
@@ -202,9 +195,9 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
             for (int c = 0; c < W; ++c)
                 xi[c] = 0.0;
         } else {
-            Vec s[V];
+            VecL s[V];
             for (int v = 0; v < V; ++v)
-                s[v] = gather<Vec, L>(b, i + off, c0 + L * v);
+                s[v] = gather<L>(b, i + off, c0 + L * v);
             const int k_last = P::last_term(i, n, bw);
             const bool fetch = P::in(Forward ? i + ahead : i - ahead, n);
             int k = P::prev(i);
@@ -215,11 +208,8 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
                     __builtin_prefetch(P::later(u, i, k, ahead));
                 if (diag(k, k) >= 0.0) { // zero included, NaN excluded
                     const double f = P::coefficient(u, i, k);
-                    for (int v = 0; v < V; ++v) {
-                        Vec x;
-                        std::memcpy(&x, tile + rk * W + L * v, sizeof x);
-                        s[v] -= x * f;
-                    }
+                    for (int v = 0; v < V; ++v)
+                        s[v] -= simd::load<VecL>(tile + rk * W + L * v) * f;
                 }
             }
             for (; P::reaches(k, k_last); k = P::prev(k)) {
@@ -228,17 +218,12 @@ KEL_ISA_TARGET void walk_block_tiled(const StridedView& u_view, const StridedVie
                 if (diag(k, k) >= 0.0) {
                     const double f = P::coefficient(u, i, k);
                     const double* xk = stored(k);
-                    for (int v = 0; v < V; ++v) {
-                        Vec x;
-                        std::memcpy(&x, xk + L * v, sizeof x);
-                        s[v] -= x * f;
-                    }
+                    for (int v = 0; v < V; ++v)
+                        s[v] -= simd::load<VecL>(xk + L * v) * f;
                 }
             }
-            for (int v = 0; v < V; ++v) {
-                const Vec x = s[v] / d;
-                std::memcpy(xi + L * v, &x, sizeof x);
-            }
+            for (int v = 0; v < V; ++v)
+                simd::store(xi + L * v, s[v] / d);
         }
         if (r == W - 1) // the tile is whole: row by row into its block, transposed
             for (int q = 0; q < W; ++q) {

@@ -393,7 +393,8 @@ struct KronData {
     KelMatrixBanded A, B;
     std::vector<double> a0, b0, x0;
 
-    KronData(int n, int kd, int groups) : nA(n), nB(n), kd(kd), groups(groups)
+    KronData(int n, int half_width, int group_count)
+        : nA(n), nB(n), kd(half_width), groups(group_count)
     {
         A.Dimension(nA, nA, 0, kd);
         A.SetZero();

@@ -52,11 +52,6 @@ void require(bool ok, const char* function, const char* condition, const char* v
     std::abort();
 }
 
-bool share_storage(const KelGenericMatrix& a, const KelGenericMatrix& b)
-{
-    return &a == &b || (a.GetElements() != nullptr && a.GetElements() == b.GetElements());
-}
-
 } // namespace checks
 } // namespace kelmatrix
 

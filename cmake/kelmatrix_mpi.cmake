@@ -38,25 +38,19 @@ if(NOT MPI_CXX_FOUND OR NOT MKL_BLACS_LIBRARY)
 endif()
 
 include(${PROJECT_SOURCE_DIR}/sparse/mpi_sources.cmake)
-add_library(kelmatrix_mpi SHARED ${KELMATRIX_MPI_SOURCES})
+kelmatrix_add_library(kelmatrix_mpi SHARED ${KELMATRIX_MPI_SOURCES})
 add_library(KelMatrix::kelmatrix_mpi ALIAS kelmatrix_mpi)
-target_include_directories(kelmatrix_mpi PRIVATE ${PROJECT_SOURCE_DIR})
-target_compile_definitions(kelmatrix_mpi PRIVATE KELMATRIX_MPI_BUILDING)
-target_compile_options(kelmatrix_mpi PRIVATE -ffp-contract=off -fno-fast-math)
-# The public header includes mpi.h and the core's sparse.h; MKL stays private. MKL's cluster
-# engine looks its BLACS layer up by symbol at run time, so the library records that layer as a
-# dependency although it names none of its symbols (hence not "as needed").
+# MPI's C interface only: its C++ bindings are neither used nor linked.
+target_compile_definitions(kelmatrix_mpi PRIVATE OMPI_SKIP_MPICXX MPICH_SKIP_MPICXX)
+# The public header includes mpi.h and the core's sparse.h. MKL's cluster engine looks its BLACS
+# layer up by symbol at run time, so the library records that layer as a dependency although it
+# names none of its symbols (hence not "as needed").
 target_link_libraries(kelmatrix_mpi
   PUBLIC kelmatrix MPI::MPI_CXX
-  PRIVATE MKL::MKL $<BUILD_INTERFACE:kelmatrix_warnings>
-          "-Wl,--push-state,--no-as-needed" ${MKL_BLACS_LIBRARY} "-Wl,--pop-state")
-target_link_options(kelmatrix_mpi PRIVATE -Wl,--no-undefined)
+  PRIVATE "-Wl,--push-state,--no-as-needed" ${MKL_BLACS_LIBRARY} "-Wl,--pop-state")
 # Installed beside libkelmatrix, it finds it there ($ORIGIN) whatever the prefix: an executable's
 # run path does not reach a library's own dependencies.
-set_target_properties(kelmatrix_mpi PROPERTIES
-  CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON INSTALL_RPATH "$ORIGIN"
-  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
-  EXPORT_NAME kelmatrix_mpi)
+set_target_properties(kelmatrix_mpi PROPERTIES INSTALL_RPATH "$ORIGIN")
 
 install(TARGETS kelmatrix_mpi EXPORT KelMatrixMPITargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -64,12 +58,33 @@ install(TARGETS kelmatrix_mpi EXPORT KelMatrixMPITargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(EXPORT KelMatrixMPITargets NAMESPACE KelMatrix:: DESTINATION ${KELMATRIX_CMAKE_DIR})
 
-# pkg-config: MPI's own flags as FindMPI found them, so that a plain compiler works too.
+# pkg-config: MPI's flags from MPI's own pkg-config module for C (Open MPI's ompi-c, MPICH's
+# mpich), required by name so that no path of this machine is written into the file; where MPI
+# has no such module, the flags FindMPI found, the C++ bindings library left out. The C++
+# bindings are never needed: the header uses MPI's C interface only.
 get_filename_component(_kelmatrix_blacs_name ${MKL_BLACS_LIBRARY} NAME_WE)
 string(REGEX REPLACE "^lib" "-l" _kelmatrix_blacs_flag ${_kelmatrix_blacs_name})
-list(TRANSFORM MPI_CXX_INCLUDE_DIRS PREPEND "-I" OUTPUT_VARIABLE _kelmatrix_mpi_cflags)
-string(JOIN " " KELMATRIX_MPI_PC_CFLAGS ${_kelmatrix_mpi_cflags} ${MPI_CXX_COMPILE_OPTIONS})
-string(JOIN " " KELMATRIX_MPI_PC_LIBS ${MPI_CXX_LIBRARIES} ${MPI_CXX_LINK_FLAGS})
+set(KELMATRIX_MPI_PC_REQUIRES "")
+set(KELMATRIX_MPI_PC_CFLAGS "-DOMPI_SKIP_MPICXX -DMPICH_SKIP_MPICXX")
+set(KELMATRIX_MPI_PC_LIBS "")
+find_package(PkgConfig QUIET)
+if(PKG_CONFIG_FOUND)
+  pkg_search_module(_kelmatrix_pc_mpi QUIET ompi-c mpich mpi-c)
+endif()
+if(_kelmatrix_pc_mpi_FOUND)
+  set(KELMATRIX_MPI_PC_REQUIRES ", ${_kelmatrix_pc_mpi_MODULE_NAME}")
+else()
+  list(TRANSFORM MPI_CXX_INCLUDE_DIRS PREPEND "-I" OUTPUT_VARIABLE _kelmatrix_mpi_cflags)
+  string(JOIN " " KELMATRIX_MPI_PC_CFLAGS ${KELMATRIX_MPI_PC_CFLAGS} ${_kelmatrix_mpi_cflags})
+  foreach(_kelmatrix_lib IN LISTS MPI_CXX_LIBRARIES)
+    get_filename_component(_kelmatrix_lib_name ${_kelmatrix_lib} NAME_WE)
+    get_filename_component(_kelmatrix_lib_dir ${_kelmatrix_lib} DIRECTORY)
+    if(NOT _kelmatrix_lib_name MATCHES "mpi_cxx|mpicxx")
+      string(REGEX REPLACE "^lib" "" _kelmatrix_lib_name ${_kelmatrix_lib_name})
+      string(APPEND KELMATRIX_MPI_PC_LIBS " -L${_kelmatrix_lib_dir} -l${_kelmatrix_lib_name}")
+    endif()
+  endforeach()
+endif()
 set(KELMATRIX_MPI_PC_LIBS_PRIVATE "${_kelmatrix_blacs_flag} ${MKL_PKGCONFIG_LIBS}")
 configure_file(${PROJECT_SOURCE_DIR}/cmake/kelmatrix_mpi.pc.in
                ${PROJECT_BINARY_DIR}/kelmatrix_mpi.pc @ONLY)

@@ -11,7 +11,7 @@
 // value), a mix of int (info as LAPACK gives it) and bool results, and in-place work in arrays
 // passed const. On failure nothing is written back and X is left as it was.
 
-#include "checks/checks.h"
+#include "dense/dense_checks.h"
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"

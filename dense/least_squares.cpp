@@ -11,7 +11,7 @@
 #include <cstring>
 #include <vector>
 
-#include "checks/checks.h"
+#include "dense/dense_checks.h"
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"

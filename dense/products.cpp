@@ -5,7 +5,7 @@
 // Only beta == 0.0 (exactly; -0.0 too, NaN not) re-dimensions C, since only then is C's old
 // content irrelevant; otherwise C must already have the right shape. k comes from A alone. With
 // beta == 0.0, C may be A or B: the product is computed from the operands as they were.
-#include "checks/checks.h"
+#include "dense/dense_checks.h"
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"

@@ -9,7 +9,7 @@
 // dimensioned them. Deliberate, and kept: A is passed const yet destroyed on the in-place paths
 // (the allocation-saving route for callers done with A), and the two copy rules differ.
 
-#include "checks/checks.h"
+#include "dense/dense_checks.h"
 #include "kelmatrix/dense.h"
 #include "matrix/aligned_buffer.h"
 #include "matrix/mkl_bindings.h"

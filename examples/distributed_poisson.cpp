@@ -52,8 +52,8 @@ int main(int argc, char** argv)
     const double h = 1.0 / (n + 1);
 
     // This rank's rows first..last (1-based), as even as the count allows.
-    const int first = static_cast<int>(rank * total / ranks) + 1;
-    const int last = static_cast<int>((rank + 1) * total / ranks);
+    int first = 0, last = -1;
+    LSMclusterSolver_split_rows(N, ranks, rank, first, last); // N >= ranks: checked above
     const int rows = last - first + 1;
 
     // Its rows of the upper triangle of h^2 A, 1-based, columns ascending: the diagonal, then

@@ -4,7 +4,7 @@
 // Element (i, j) lies in band row kl + ku + i - j of column j, leading dimension 2*kl + ku + 1.
 // With kl = 0 this is LAPACK's upper symmetric band storage (leading dimension ku + 1), which is
 // how the symmetric band routines expect their matrices. No test that (i, j) lies in the band.
-#include "checks/checks.h"
+#include "matrix_checks.h"
 #include "storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
@@ -12,6 +12,17 @@ using kelmatrix::internal::StorageAccess;
 KelMatrixBanded::KelMatrixBanded() = default;
 
 KelMatrixBanded::~KelMatrixBanded() = default;
+
+KelMatrixBanded::KelMatrixBanded(KelMatrixBanded&& src) noexcept : KelMatrixBanded()
+{
+    StorageAccess::move_into(*this, src);
+}
+
+KelMatrixBanded& KelMatrixBanded::operator=(const KelMatrixBanded& src)
+{
+    KelGenericMatrix::operator=(src); // Deliberate: shallow, as before the move constructor
+    return *this;
+}
 
 double& KelMatrixBanded::operator()(int i, int j)
 {

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "checks/checks.h"
+#include "matrix_checks.h"
 #include "storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
@@ -48,6 +48,11 @@ double& KelMatrix::operator()(int i, int j)
 {
     KELMATRIX_CHECK(element("KelMatrix::operator()", *this, i, j));
     return elements[StorageAccess::mirrored_offset(*this, i, j, rowDim, 0)];
+}
+
+KelMatrix::KelMatrix(KelMatrix&& src) noexcept : KelMatrix()
+{
+    StorageAccess::move_into(*this, src);
 }
 
 double KelMatrix::operator()(int i, int j) const

@@ -14,7 +14,7 @@
 #include <new>
 #include <utility>
 
-#include "checks/checks.h"
+#include "matrix_checks.h"
 #include "storage_access.h"
 
 namespace {
@@ -154,7 +154,7 @@ void KelGenericMatrix::Swap(KelGenericMatrix& other)
     std::swap(upperBandWidth, other.upperBandWidth);
     std::swap(elements, other.elements);
     std::swap(storageSize, other.storageSize);
-    const unsigned char s = symmetric, t = triangular, b = banded, l = usesLower;
+    const bool s = symmetric, t = triangular, b = banded, l = usesLower;
     symmetric = other.symmetric;
     triangular = other.triangular;
     banded = other.banded;

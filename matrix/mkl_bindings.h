@@ -12,6 +12,7 @@
 
 #include <cstddef>
 
+#include "mkl_spblas.h" // the sparse BLAS (it declares no dense routine)
 #include "mkl_types.h"
 
 static_assert(sizeof(MKL_INT) == sizeof(int), "KELMATRIX binds MKL's LP64 interface (32-bit int)");

@@ -6,7 +6,7 @@
 // triangle: a packed matrix cannot hold the other one, whatever the symmetric flag says.
 #include <utility>
 
-#include "checks/checks.h"
+#include "matrix_checks.h"
 #include "storage_access.h"
 
 using kelmatrix::internal::StorageAccess;

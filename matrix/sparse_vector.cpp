@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "checks/checks.h"
+#include "matrix_checks.h"
 #include "mkl_bindings.h"
 #include "storage_access.h"
 

@@ -8,6 +8,7 @@
 #define KELMATRIX_STORAGE_ACCESS_H
 
 #include <cstdint>
+#include <cstring>
 #include <utility>
 
 #include "kelmatrix/matrix.h"
@@ -22,6 +23,7 @@ struct StorageAccess {
     static bool banded(const KelGenericMatrix& m) { return m.banded; }
     static bool symmetric(const KelGenericMatrix& m) { return m.symmetric; }
     static bool uses_lower(const KelGenericMatrix& m) { return m.usesLower; }
+    static bool triangular(const KelGenericMatrix& m) { return m.triangular; }
 
     /// Offset of element (i, j) in a column-major block with leading dimension ld whose row 0
     /// starts first doubles into each column, after mirroring (i, j) into the stored triangle
@@ -91,6 +93,35 @@ struct StorageAccess {
         double* raw = m.rawStorage;
         m.rawStorage = nullptr;
         return raw;
+    }
+
+    /// Moves src's block, shape and flags into dst, which must hold no block of its own, and
+    /// leaves src as default-constructed (empty, no block).
+    static void move_into(KelGenericMatrix& dst, KelGenericMatrix& src) noexcept
+    {
+        copy_shape_and_flags(dst, src);
+        dst.elements = src.elements;
+        dst.rawStorage = src.rawStorage;
+        src.rowDim = src.colDim = 0;
+        src.lowerBandWidth = src.upperBandWidth = -1;
+        src.elements = src.rawStorage = nullptr;
+        src.storageSize = 0;
+        src.symmetric = src.triangular = src.banded = src.usesLower = 0;
+    }
+
+    /// A deep copy of src into dst: a fresh block of src's storage count (allocated first, so
+    /// that a failure leaves dst as it was, and a self-copy is harmless), then dst's old block
+    /// released and src's shape and flags taken.
+    static void copy_into(KelGenericMatrix& dst, const KelGenericMatrix& src)
+    {
+        double* raw = allocate_block(src.storageSize);
+        double* elements = next_aligned_adr(raw);
+        if (src.storageSize > 0)
+            std::memcpy(elements, src.elements, sizeof(double) * src.storageSize);
+        delete[] dst.rawStorage;
+        dst.rawStorage = raw;
+        dst.elements = elements;
+        copy_shape_and_flags(dst, src);
     }
 
     /// Releases m's block, then attaches a fresh one of count + 8 doubles.

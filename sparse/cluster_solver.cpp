@@ -1,35 +1,30 @@
 // KELMATRIX distributed sparse direct solver
 // LSMclusterSolver: A X = B over MKL's cluster sparse solver, the matrix spread by rows over MPI.
 //
-// The life cycle is LSMsolver's, run by the same steps (sparse/solver_cycle.h) with the same
-// control table and settings (sparse/pardiso_controls.h); every engine call goes through
-// call_engine with the fixed arguments maxfct = 1, mnum = 1, msglvl = 0, a dummy perm and the
-// communicator's Fortran handle. What is added is agreement among the ranks: before a step, one
-// reduction makes every rank refuse when any rank would (state, shapes, count); after each engine
-// call, the error is reduced so that every rank sees the same one and takes the same branch of
-// the step. The arrays are borrowed, never copied, and checked before each (re)factorization,
-// since the engine crashes on malformed distributed input rather than reporting it: a problem on
-// any rank is reported to all (error -1, the engine not called). Deliberate: a default-
-// constructed solver communicates with nobody, so its refusals stay local.
+// The life cycle is LSMsolver's, run by the same engine helper (sparse/solver_engine.h) with
+// the same control table and settings; every engine call takes the fixed arguments maxfct = 1,
+// mnum = 1, msglvl = 0, a dummy perm and the communicator's Fortran handle. What is added is
+// agreement among the ranks: before a step, one reduction makes every rank refuse when any rank
+// would (state, shapes, count); after each engine call, the error is reduced so that every rank
+// sees the same one and takes the same branch of the step. The arrays are borrowed, never copied,
+// and checked before each (re)factorization, since the engine crashes on malformed distributed
+// input rather than reporting it: a problem on any rank is reported to all (error -1, the engine
+// not called). Deliberate: a default- constructed solver communicates with nobody, so its refusals
+// stay local.
 #include <algorithm>
 #include <cstring>
 #include <vector>
 
 #include "kelmatrix/sparse_mpi.h"
 #include "matrix/mkl_bindings.h"
-#include "sparse/pardiso_controls.h"
-#include "sparse/solver_cycle.h"
+#include "sparse/matrix_type.h"
+#include "sparse/solver_engine.h"
 
 using namespace kelmatrix::internal;
 
 static_assert(sizeof(MPI_Fint) == sizeof(int), "the engine takes the communicator as an int");
 
 namespace {
-
-// Fixed engine arguments.
-constexpr int kMaxfct = 1; // one factorization kept
-constexpr int kMnum = 1;   // and it is the one used
-constexpr int kMsglvl = 0; // no statistics printed
 
 // The cluster engine's own iparm entries.
 constexpr int kIparmInputFormat = 39; // 0: all on the master rank; 2: A, b and x by row blocks
@@ -39,46 +34,56 @@ constexpr int kFormatOnRoot = 0, kFormatDistributed = 2;
 
 constexpr int kInputInconsistent = -1; // the engine's code for inconsistent input
 
-bool known_type(int mtype)
-{
-    return mtype == LSM_REAL_STRUCTURALLY_SYMMETRIC ||
-           mtype == LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE ||
-           mtype == LSM_REAL_SYMMETRIC_INDEFINITE || mtype == LSM_REAL_UNSYMMETRIC;
-}
-
 // What each rank passes to init(), gathered so that every rank judges the same table.
 enum InitField { kFirst, kLast, kOrder, kNrhs, kRefinement, kType, kHolds, kInitFields };
 
-bool consistent(const std::vector<int>& all, int ranks, bool on_root)
+/// Why init() is refused, judged alike on every rank from the gathered table.
+LSMsolver_refusal init_refusal(const std::vector<int>& all, int ranks, bool on_root)
 {
     const int* root = all.data();
     if (root[kOrder] < 1 || root[kNrhs] < 1 || !known_type(root[kType]))
-        return false;
+        return LSM_REFUSAL_BAD_ARGUMENTS;
+    bool blocks = on_root || all[(ranks - 1) * kInitFields + kLast] == root[kOrder];
     for (int r = 0; r < ranks; ++r) {
         const int* mine = all.data() + r * kInitFields;
-        if (mine[kHolds] != 0 || mine[kOrder] != root[kOrder] || mine[kNrhs] != root[kNrhs] ||
+        if (mine[kHolds] != 0)
+            return LSM_REFUSAL_HOLDS_FACTORIZATION;
+        if (mine[kOrder] != root[kOrder] || mine[kNrhs] != root[kNrhs] ||
             mine[kRefinement] != root[kRefinement] || mine[kType] != root[kType])
-            return false;
-        if (on_root)
-            continue;
+            return LSM_REFUSAL_RANKS_DIFFER;
         const int expected_first = r == 0 ? 1 : all[(r - 1) * kInitFields + kLast] + 1;
         if (mine[kFirst] != expected_first || mine[kLast] < mine[kFirst]) // one row at least
-            return false;
+            blocks = blocks && on_root;
     }
-    return on_root || all[(ranks - 1) * kInitFields + kLast] == root[kOrder];
+    return blocks ? LSM_REFUSAL_NONE : LSM_REFUSAL_BAD_ROW_BLOCKS;
 }
 
 } // namespace
 
 LSMclusterSolver::LSMclusterSolver()
     : comm(MPI_COMM_NULL), n(0), first(0), last(-1), nrhs(0), ia(nullptr), ja(nullptr), a(nullptr),
-      mtype(LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE), on_root(false), state(kStateDefault),
-      last_error(0), last_phase(0)
+      mtype(LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE), on_root(false), cycle(State::Unset),
+      last_error(0), last_phase(0), memory(nullptr)
 {
     // Filled only so that settings() and diagnostics() read defined values before init().
-    std::fill(iparm, iparm + kParamCount, 0);
-    std::fill(pt, pt + kParamCount, nullptr);
-    apply_settings(LSMsolver_settings(), iparm);
+    SolverEngine::blank(*this);
+}
+
+LSMclusterSolver::LSMclusterSolver(LSMclusterSolver&& src) noexcept : LSMclusterSolver()
+{
+    const LSMclusterSolver unset;
+    SolverEngine::copy_fields(*this, src);
+    SolverEngine::copy_fields(src, unset);
+    comm = src.comm;
+    first = src.first;
+    last = src.last;
+    on_root = src.on_root;
+    problem = src.problem;
+    src.comm = MPI_COMM_NULL; // src now communicates with nobody, as default-constructed
+    src.first = 0;
+    src.last = -1;
+    src.on_root = false;
+    src.problem = LSMclusterSolver_input_problem();
 }
 
 LSMclusterSolver::LSMclusterSolver(MPI_Comm comm, int n, int firstRow, int lastRow, int* ia,
@@ -87,7 +92,7 @@ LSMclusterSolver::LSMclusterSolver(MPI_Comm comm, int n, int firstRow, int lastR
     : LSMclusterSolver()
 {
     if (init(comm, n, firstRow, lastRow, ia, ja, a, nrhs, maxRefinementSteps, mtype))
-        state = kStateReady;
+        cycle = State::Ready;
 }
 
 LSMclusterSolver::~LSMclusterSolver()
@@ -111,104 +116,78 @@ bool LSMclusterSolver::configure(MPI_Comm comm, int n, int firstRow, int lastRow
                                  double* a, int nrhs, int maxRefinementSteps,
                                  LSMsolver_mattype mtype, bool on_root)
 {
-    if (comm == MPI_COMM_NULL)
+    if (!SolverEngine::admit(*this, comm == MPI_COMM_NULL ? LSM_REFUSAL_NO_COMMUNICATOR
+                                                          : LSM_REFUSAL_NONE))
         return false;
     int rank = 0, ranks = 1;
     MPI_Comm_rank(comm, &rank);
     MPI_Comm_size(comm, &ranks);
     const int mine[kInitFields] = {
-        firstRow, lastRow, n, nrhs, maxRefinementSteps, mtype, holds_factorization(state) ? 1 : 0};
+        firstRow, lastRow, n, nrhs, maxRefinementSteps, mtype, holds_factorization(cycle) ? 1 : 0};
     std::vector<int> all(static_cast<std::size_t>(kInitFields) * ranks);
     MPI_Allgather(mine, kInitFields, MPI_INT, all.data(), kInitFields, MPI_INT, comm);
-    if (!consistent(all, ranks, on_root))
-        return false; // the same verdict on every rank: all judged the same table
+    // The same verdict on every rank: all judged the same table.
+    if (!SolverEngine::admit(*this, init_refusal(all, ranks, on_root)))
+        return false;
 
     const int threads = LSMsolver::establish_numthreads(0);
     this->comm = comm; // borrowed: valid until clear()
-    this->n = n;
     first = on_root ? (rank == 0 ? 1 : 0) : firstRow;
     last = on_root ? (rank == 0 ? n : -1) : lastRow;
-    this->nrhs = nrhs;
-    this->ia = ia; // borrowed: alive and unchanged until clear()
-    this->ja = ja; // borrowed
-    this->a = a;   // borrowed
-    this->mtype = mtype;
     this->on_root = on_root;
-
-    fixed_iparm(iparm, threads, maxRefinementSteps);
+    SolverEngine::adopt(*this, n, ia, ja, a, nrhs, maxRefinementSteps, mtype, threads);
     iparm[kIparmInputFormat] = on_root ? kFormatOnRoot : kFormatDistributed;
     iparm[kIparmDomainFirst] = on_root ? 0 : firstRow;
     iparm[kIparmDomainLast] = on_root ? 0 : lastRow;
-
-    std::fill(pt, pt + kParamCount, nullptr); // a fresh handle: the engine requires all zeros
-    last_error = 0;
-    last_phase = 0;
     problem = LSMclusterSolver_input_problem();
     // Deliberate: the state is left as it was, as LSMsolver::init leaves it.
     return true;
 }
 
-bool LSMclusterSolver::all_ranks(bool local) const
+LSMsolver_refusal LSMclusterSolver::agree(LSMsolver_refusal local) const
 {
     if (comm == MPI_COMM_NULL) // never initialized: nobody to agree with
         return local;
-    int agreed = local ? 1 : 0;
-    MPI_Allreduce(MPI_IN_PLACE, &agreed, 1, MPI_INT, MPI_MIN, comm);
-    return agreed != 0;
+    int agreed = local; // the greatest reason stands for all: any rank's refusal is every rank's
+    MPI_Allreduce(MPI_IN_PLACE, &agreed, 1, MPI_INT, MPI_MAX, comm);
+    return static_cast<LSMsolver_refusal>(agreed);
 }
 
 bool LSMclusterSolver::factor()
 {
-    if (!all_ranks(may_factor(state)))
-        return false;
-    const auto engine = [this](int phase, int count, double* b, double* x) {
-        const int refused = check_input(phase);
-        return refused != 0 ? refused : call_engine(phase, count, b, x);
-    };
-    return factor_step(state, nrhs, engine);
+    return SolverEngine::factor(*this, agree(SolverEngine::factor_refusal(*this)));
 }
 
 bool LSMclusterSolver::refactor()
 {
-    if (!all_ranks(may_refactor(state)))
-        return false;
-    const auto engine = [this](int phase, int count, double* b, double* x) {
-        const int refused = check_input(phase);
-        return refused != 0 ? refused : call_engine(phase, count, b, x);
-    };
-    return refactor_step(state, nrhs, engine);
+    return SolverEngine::refactor(*this, agree(SolverEngine::use_refusal(*this, false)));
 }
 
 bool LSMclusterSolver::set_settings(const LSMsolver_settings& settings)
 {
-    bool ok = !holds_factorization(state) && settings_valid(settings) &&
-              settings.ordering != LSM_ORDERING_MINIMUM_DEGREE; // the engine has none
-    if (comm != MPI_COMM_NULL) { // every rank must pass rank 0's settings
+    LSMsolver_refusal why = SolverEngine::settings_refusal(*this, settings);
+    if (why == LSM_REFUSAL_NONE && settings.ordering == LSM_ORDERING_MINIMUM_DEGREE)
+        why = LSM_REFUSAL_BAD_SETTINGS; // the engine has none
+    if (comm != MPI_COMM_NULL) {        // every rank must pass rank 0's settings
         const int mine[4] = {settings.scalingAndMatching ? 1 : 0, settings.pivotPerturbation,
                              settings.ordering, settings.factorStatistics ? 1 : 0};
         int root[4];
         std::memcpy(root, mine, sizeof root);
         MPI_Bcast(root, 4, MPI_INT, 0, comm);
-        ok = all_ranks(ok && std::equal(mine, mine + 4, root));
+        if (why == LSM_REFUSAL_NONE && !std::equal(mine, mine + 4, root))
+            why = LSM_REFUSAL_RANKS_DIFFER;
     }
-    if (!ok)
-        return false; // a held analysis was made with the settings in force
-    apply_settings(settings, iparm);
-    return true;
+    return SolverEngine::set(*this, settings, agree(why));
 }
 
 LSMsolver_settings LSMclusterSolver::settings() const
 {
-    return settings_in(iparm);
+    return SolverEngine::settings(*this);
 }
 
 LSMsolver_diagnostics LSMclusterSolver::diagnostics() const
 {
-    LSMsolver_diagnostics d;
-    d.error = last_error;
-    d.lastPhase = last_phase;
-    read_statistics(iparm, mtype, d);
-    return d;
+    return SolverEngine::diagnostics(*this);
 }
 
 LSMclusterSolver_input_problem LSMclusterSolver::input_problem() const
@@ -232,28 +211,39 @@ bool LSMclusterSolver::solve(int count, double* b, double* x)
 
 bool LSMclusterSolver::solve_agreed(bool local_ok, int count, double* b, double* x)
 {
-    // One reduction agrees on the state, the local checks and the count (its least and, negated,
-    // its greatest value over the ranks).
-    const bool ok = may_solve(state) && local_ok && count >= 0;
-    int agreed[3] = {ok ? 1 : 0, ok ? count : 0, ok ? -count : 0};
+    // One reduction agrees on the reason (the greatest, negated), and on the count (its least
+    // and, negated, its greatest value over the ranks).
+    LSMsolver_refusal why = SolverEngine::use_refusal(*this, true);
+    if (why == LSM_REFUSAL_NONE && (!local_ok || count < 0))
+        why = LSM_REFUSAL_SHAPE;
+    const bool ok = why == LSM_REFUSAL_NONE;
+    int agreed[3] = {-static_cast<int>(why), ok ? count : 0, ok ? -count : 0};
     if (comm != MPI_COMM_NULL)
         MPI_Allreduce(MPI_IN_PLACE, agreed, 3, MPI_INT, MPI_MIN, comm);
-    if (agreed[0] == 0 || agreed[1] != -agreed[2])
-        return false;
-    const auto engine = [this](int phase, int count, double* b, double* x) {
-        return call_engine(phase, count, b, x);
-    };
+    why = static_cast<LSMsolver_refusal>(-agreed[0]);
+    if (why == LSM_REFUSAL_NONE && agreed[1] != -agreed[2])
+        why = LSM_REFUSAL_RANKS_DIFFER;
     // Each right-hand side is this rank's rows of it: none on the ranks that hold no rows.
-    return solve_steps(state, count, nrhs, last - first + 1, b, x, engine);
+    const LSMsolver_state before = cycle;
+    if (!SolverEngine::solve(*this, why, count, last - first + 1, b, x))
+        return false;
+    // One more reduction: a solution with a NaN or an infinity on any rank is refused on all.
+    MPI_Allreduce(MPI_IN_PLACE, &non_finite, 1, MPI_LONG_LONG, MPI_SUM, comm);
+    if (non_finite == 0)
+        return true;
+    cycle = before; // a refused call leaves the state as it was
+    return SolverEngine::admit(*this, LSM_REFUSAL_NOT_FINITE);
 }
 
 bool LSMclusterSolver::clear()
 {
-    const auto engine = [this](int phase, int count, double* b, double* x) {
-        return call_engine(phase, count, b, x);
-    };
-    clear_step(state, nrhs, engine); // Deliberate: pt keeps its stale entries; init() zeroes them
+    SolverEngine::clear(*this);
     return true;
+}
+
+LSMsolver_state LSMclusterSolver::state() const
+{
+    return cycle;
 }
 
 int LSMclusterSolver::first_row() const
@@ -266,7 +256,7 @@ int LSMclusterSolver::last_row() const
     return last;
 }
 
-int LSMclusterSolver::check_input(int phase)
+int LSMclusterSolver::check_input()
 {
     int rank = 0, ranks = 1;
     MPI_Comm_rank(comm, &rank);
@@ -288,22 +278,21 @@ int LSMclusterSolver::check_input(int phase)
     const LSMsolver_csr_problem code = static_cast<LSMsolver_csr_problem>(found[0]);
     problem.rank = culprit;
     problem.check = {code, found[1], found[2], LSMsolver_csr_rule(code)};
-    last_error = kInputInconsistent; // recorded as the engine would: its code for bad input
-    last_phase = phase;
-    return kInputInconsistent;
+    return kInputInconsistent; // recorded as the engine would: its code for bad input
 }
 
-int LSMclusterSolver::call_engine(int phase, int count, double* b, double* x)
+void SolverEngine::entry(LSMclusterSolver& s, const int& mtype, int& phase, int& perm, int& count,
+                         double* b, double* x, int& error)
 {
-    const int matrix_type = mtype;
-    const int fortran_comm = MPI_Comm_c2f(comm);
-    int perm = 0; // never read: iparm[4] = 0
-    int error = 0;
-    cluster_sparse_solver(pt, &kMaxfct, &kMnum, &matrix_type, &phase, &n, a, ia, ja, &perm, &count,
-                          iparm, &kMsglvl, b, x, &fortran_comm, &error);
+    // The input is checked before every (re)factorization, which the engine would crash on.
+    if (phase == kPhaseAnalyzeFactor || phase == kPhaseRefactor) {
+        error = s.check_input();
+        if (error != 0)
+            return;
+    }
+    const int fortran_comm = MPI_Comm_c2f(s.comm);
+    cluster_sparse_solver(s.pt, &kMaxfct, &kMnum, &mtype, &phase, &s.n, s.a, s.ia, s.ja, &perm,
+                          &count, s.iparm, &kMsglvl, b, x, &fortran_comm, &error);
     // The least code stands for all: any rank's error is every rank's.
-    MPI_Allreduce(MPI_IN_PLACE, &error, 1, MPI_INT, MPI_MIN, comm);
-    last_error = error;
-    last_phase = phase;
-    return error;
+    MPI_Allreduce(MPI_IN_PLACE, &error, 1, MPI_INT, MPI_MIN, s.comm);
 }

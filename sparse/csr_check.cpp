@@ -15,6 +15,10 @@
 #include <vector>
 
 #include "kelmatrix/sparse.h"
+#include "sparse/matrix_type.h"
+
+using kelmatrix::internal::known_type;
+using kelmatrix::internal::symmetric_type;
 
 namespace {
 
@@ -36,24 +40,15 @@ const char* const kRules[] = {
     "base must be 0 or 1",
     "entry outside the stated triangle",
     "the block of rows must lie within 1..n and hold at least one row",
+    "row index outside 1..n",
+    "count must not be negative; x, y and b not null (count > 0) and x not the same array as y",
+    "MKL's sparse BLAS reported an error",
 };
 constexpr int kRuleCount = static_cast<int>(sizeof kRules / sizeof kRules[0]);
 
 LSMsolver_csr_check problem(LSMsolver_csr_problem code, int row, int position)
 {
     return {code, row, position, kRules[code]};
-}
-
-bool known_type(int mtype)
-{
-    return mtype == LSM_REAL_STRUCTURALLY_SYMMETRIC ||
-           mtype == LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE ||
-           mtype == LSM_REAL_SYMMETRIC_INDEFINITE || mtype == LSM_REAL_UNSYMMETRIC;
-}
-
-bool symmetric_type(int mtype)
-{
-    return mtype == LSM_REAL_SYMMETRIC_POSITIVE_DEFINITE || mtype == LSM_REAL_SYMMETRIC_INDEFINITE;
 }
 
 /// The row pointers of `rows` rows with indices from base: first base, never decreasing, last
@@ -71,26 +66,208 @@ LSMsolver_csr_check check_row_pointers(int rows, const int* ia, int nnz, int bas
     return problem(LSM_CSR_OK, 0, 0);
 }
 
-/// Calls visit(row, col, value), 0-based, for every entry the built matrix receives, in input
-/// order: for the symmetric types the upper triangle (a full input's lower part is skipped
-/// values ignored, a lower one transposed), for the others the whole matrix (a triangle mirrored).
+/// Hands visit(row, col, value), 0-based, what one input entry (i, j) becomes in the built
+/// matrix: for the symmetric types its place in the upper triangle (a full input's lower part
+/// skipped, values ignored; a lower one transposed), for the others itself and, from a triangle,
+/// its mirror.
 template <class Visit>
-void each_target(const int* ia, const int* ja, const double* a, int base, int n,
-                 LSMsolver_stored stored, bool symmetric, Visit&& visit)
+void place(int i, int j, double v, LSMsolver_stored stored, bool symmetric, Visit& visit)
 {
+    if (symmetric) {
+        if (stored == LSM_STORED_FULL && j < i)
+            return;
+        visit(std::min(i, j), std::max(i, j), v);
+        return;
+    }
+    visit(i, j, v);
+    if (stored != LSM_STORED_FULL && i != j)
+        visit(j, i, v);
+}
+
+/// Calls visit for every entry the built matrix receives from compressed rows, in input order.
+struct RowsInput {
+    int n;
+    const int* ia;
+    const int* ja;
+    const double* a;
+    int base;
+    template <class Visit> void each(LSMsolver_stored stored, bool symmetric, Visit&& visit) const
+    {
+        for (int i = 0; i < n; ++i)
+            for (int p = ia[i] - base; p < ia[i + 1] - base; ++p)
+                place(i, ja[p] - base, a[p], stored, symmetric, visit);
+    }
+};
+
+/// The same from triplets (rows[k], cols[k], a[k]), in input order.
+struct TripletInput {
+    int nnz;
+    const int* rows;
+    const int* cols;
+    const double* a;
+    int base;
+    template <class Visit> void each(LSMsolver_stored stored, bool symmetric, Visit&& visit) const
+    {
+        for (int k = 0; k < nnz; ++k)
+            place(rows[k] - base, cols[k] - base, a[k], stored, symmetric, visit);
+    }
+};
+
+/// An entry's problem with respect to the order and the stated triangle, 0-based (i, j).
+LSMsolver_csr_problem entry_problem(int n, int i, int j, LSMsolver_stored stored)
+{
+    if (i < 0 || i >= n)
+        return LSM_CSR_ROW_OUT_OF_RANGE;
+    if (j < 0 || j >= n)
+        return LSM_CSR_COLUMN_OUT_OF_RANGE;
+    if ((stored == LSM_STORED_UPPER && j < i) || (stored == LSM_STORED_LOWER && j > i))
+        return LSM_CSR_OUTSIDE_TRIANGLE;
+    return LSM_CSR_OK;
+}
+
+/// What both inputs are checked for first: the type, the base and the order.
+LSMsolver_csr_check check_common(int n, int base, LSMsolver_mattype mtype)
+{
+    if (!known_type(mtype))
+        return problem(LSM_CSR_BAD_MATRIX_TYPE, 0, 0);
+    if (base != 0 && base != 1)
+        return problem(LSM_CSR_BAD_BASE, 0, 0);
+    if (n < 1)
+        return problem(LSM_CSR_ORDER_BELOW_ONE, 0, 0);
+    return problem(LSM_CSR_OK, 0, 0);
+}
+
+/// The structural checks of compressed rows before anything is allocated: ia readable and sound,
+/// every entry inside the matrix and the stated triangle.
+LSMsolver_csr_check check_rows_input(const RowsInput& in, LSMsolver_stored stored)
+{
+    const int n = in.n, base = in.base;
+    if (in.ia == nullptr)
+        return problem(LSM_CSR_NULL_ARRAY, 0, 0);
+    const long long stated = static_cast<long long>(in.ia[n]) - base;
+    if (stated < 0 || stated > 0x7fffffff)
+        return problem(LSM_CSR_ROW_POINTERS_END, n, 0);
+    const int nnz = static_cast<int>(stated);
+    if (nnz > 0 && (in.ja == nullptr || in.a == nullptr))
+        return problem(LSM_CSR_NULL_ARRAY, 0, 0);
+    const LSMsolver_csr_check pointers = check_row_pointers(n, in.ia, nnz, base);
+    if (pointers.code != LSM_CSR_OK)
+        return pointers;
     for (int i = 0; i < n; ++i)
-        for (int p = ia[i] - base; p < ia[i + 1] - base; ++p) {
-            const int j = ja[p] - base;
-            if (symmetric) {
-                if (stored == LSM_STORED_FULL && j < i)
-                    continue;
-                visit(std::min(i, j), std::max(i, j), a[p]);
-            } else {
-                visit(i, j, a[p]);
-                if (stored != LSM_STORED_FULL && i != j)
-                    visit(j, i, a[p]);
-            }
+        for (int p = in.ia[i] - base; p < in.ia[i + 1] - base; ++p) {
+            const LSMsolver_csr_problem code = entry_problem(n, i, in.ja[p] - base, stored);
+            if (code != LSM_CSR_OK)
+                return problem(code, i + 1, p + 1);
         }
+    return problem(LSM_CSR_OK, 0, 0);
+}
+
+/// The same for triplets: rows reported as given (base 1), positions 1-based into the arrays.
+LSMsolver_csr_check check_triplet_input(int n, const TripletInput& in, LSMsolver_stored stored)
+{
+    if (in.nnz < 0)
+        return problem(LSM_CSR_ORDER_BELOW_ONE, 0, 0);
+    if (in.nnz > 0 && (in.rows == nullptr || in.cols == nullptr || in.a == nullptr))
+        return problem(LSM_CSR_NULL_ARRAY, 0, 0);
+    for (int k = 0; k < in.nnz; ++k) {
+        const int i = in.rows[k] - in.base;
+        const LSMsolver_csr_problem code = entry_problem(n, i, in.cols[k] - in.base, stored);
+        if (code != LSM_CSR_OK)
+            return problem(code, code == LSM_CSR_ROW_OUT_OF_RANGE ? 0 : i + 1, k + 1);
+    }
+    return problem(LSM_CSR_OK, 0, 0);
+}
+
+/// Every target entry grouped by row, each row sorted by column, repeated entries adjacent and
+/// in their input order: row r holds col[row_start[r]..row_start[r + 1]), 0-based.
+struct SortedRows {
+    std::vector<int> row_start, col;
+    std::vector<double> val;
+};
+
+/// Two stable bucket passes (by column, then by row): O(n + nnz), no comparison sort.
+template <class Input>
+SortedRows sort_rows(int n, const Input& in, LSMsolver_stored stored, bool symmetric)
+{
+    std::size_t total = 0;
+    std::vector<int> col_start(static_cast<std::size_t>(n) + 1, 0);
+    in.each(stored, symmetric, [&](int, int c, double) {
+        ++col_start[c + 1];
+        ++total;
+    });
+    for (int c = 0; c < n; ++c)
+        col_start[c + 1] += col_start[c];
+    std::vector<int> by_col_row(total), next(col_start.begin(), col_start.end() - 1);
+    std::vector<double> by_col_val(total);
+    SortedRows sorted{std::vector<int>(static_cast<std::size_t>(n) + 1, 0), std::vector<int>(total),
+                      std::vector<double>(total)};
+    in.each(stored, symmetric, [&](int r, int c, double v) {
+        by_col_row[next[c]] = r;
+        by_col_val[next[c]++] = v;
+        ++sorted.row_start[r + 1];
+    });
+    for (int r = 0; r < n; ++r)
+        sorted.row_start[r + 1] += sorted.row_start[r];
+    next.assign(sorted.row_start.begin(), sorted.row_start.end() - 1);
+    for (int c = 0; c < n; ++c)
+        for (int q = col_start[c]; q < col_start[c + 1]; ++q) {
+            const int r = by_col_row[q];
+            sorted.col[next[r]] = c;
+            sorted.val[next[r]++] = by_col_val[q];
+        }
+    return sorted;
+}
+
+/// Whether sorted row r starts with its diagonal (which a symmetric type must store).
+bool diagonal_first(const SortedRows& s, int r)
+{
+    return s.row_start[r] < s.row_start[r + 1] && s.col[s.row_start[r]] == r;
+}
+
+/// The 1-based arrays from sorted rows: repeated entries summed in input order, and for the
+/// symmetric types an explicit 0.0 diagonal where none was given. Sizes first, so that each
+/// array is allocated once at its final length.
+LSMsolver_csr assemble(int n, const SortedRows& s, bool symmetric)
+{
+    LSMsolver_csr built;
+    built.n = n;
+    built.ia = std::vector<int>(static_cast<std::size_t>(n) + 1);
+    built.ia[0] = 1;
+    for (int r = 0; r < n; ++r) {
+        int length = symmetric && !diagonal_first(s, r);
+        for (int q = s.row_start[r]; q < s.row_start[r + 1]; ++q)
+            length += q == s.row_start[r] || s.col[q] != s.col[q - 1];
+        built.ia[r + 1] = built.ia[r] + length;
+    }
+    built.ja = std::vector<int>(static_cast<std::size_t>(built.ia[n] - 1));
+    built.a = std::vector<double>(built.ja.size());
+    for (int r = 0; r < n; ++r) {
+        int out_p = built.ia[r] - 1;
+        if (symmetric && !diagonal_first(s, r)) {
+            built.ja[out_p] = r + 1;
+            built.a[out_p++] = 0.0;
+        }
+        for (int q = s.row_start[r]; q < s.row_start[r + 1]; ++q) {
+            if (q > s.row_start[r] && s.col[q] == s.col[q - 1]) {
+                built.a[out_p - 1] += s.val[q]; // repeated entries summed in input order
+                continue;
+            }
+            built.ja[out_p] = s.col[q] + 1;
+            built.a[out_p++] = s.val[q];
+        }
+    }
+    return built;
+}
+
+/// Builds from input already checked, then judges the result as LSMsolver would.
+template <class Input>
+LSMsolver_csr_check build(int n, const Input& in, LSMsolver_stored stored, LSMsolver_mattype mtype,
+                          LSMsolver_csr& out)
+{
+    const bool symmetric = symmetric_type(mtype);
+    out = assemble(n, sort_rows(n, in, stored, symmetric), symmetric);
+    return LSMsolver_check_csr(n, out.ia.data(), out.ja.data(), out.a.data(),
+                               static_cast<int>(out.ja.size()), mtype);
 }
 
 } // namespace
@@ -157,98 +334,20 @@ LSMsolver_csr_check LSMsolver_prepare_csr(int n, const int* ia, const int* ja, c
                                           int base, LSMsolver_stored stored,
                                           LSMsolver_mattype mtype, LSMsolver_csr& out)
 {
-    if (!known_type(mtype))
-        return problem(LSM_CSR_BAD_MATRIX_TYPE, 0, 0);
-    if (base != 0 && base != 1)
-        return problem(LSM_CSR_BAD_BASE, 0, 0);
-    if (n < 1)
-        return problem(LSM_CSR_ORDER_BELOW_ONE, 0, 0);
-    if (ia == nullptr)
-        return problem(LSM_CSR_NULL_ARRAY, 0, 0);
-    const long long stated = static_cast<long long>(ia[n]) - base;
-    if (stated < 0 || stated > 0x7fffffff)
-        return problem(LSM_CSR_ROW_POINTERS_END, n, 0);
-    const int nnz = static_cast<int>(stated);
-    if (nnz > 0 && (ja == nullptr || a == nullptr))
-        return problem(LSM_CSR_NULL_ARRAY, 0, 0);
-    const LSMsolver_csr_check pointers = check_row_pointers(n, ia, nnz, base);
-    if (pointers.code != LSM_CSR_OK)
-        return pointers;
+    LSMsolver_csr_check found = check_common(n, base, mtype);
+    const RowsInput in{n, ia, ja, a, base};
+    if (found.code == LSM_CSR_OK)
+        found = check_rows_input(in, stored);
+    return found.code == LSM_CSR_OK ? build(n, in, stored, mtype, out) : found;
+}
 
-    // Where each stored entry goes: (row, col) 0-based, and whether it is also mirrored.
-    const bool symmetric = symmetric_type(mtype);
-    for (int i = 0; i < n; ++i)
-        for (int p = ia[i] - base; p < ia[i + 1] - base; ++p) {
-            const int j = ja[p] - base;
-            if (j < 0 || j >= n)
-                return problem(LSM_CSR_COLUMN_OUT_OF_RANGE, i + 1, p + 1);
-            if ((stored == LSM_STORED_UPPER && j < i) || (stored == LSM_STORED_LOWER && j > i))
-                return problem(LSM_CSR_OUTSIDE_TRIANGLE, i + 1, p + 1);
-        }
-
-    // Two stable bucket passes (by column, then by row) sort every row by column while keeping
-    // repeated entries adjacent and in their input order: O(n + nnz) and no comparison sort.
-    std::size_t total = 0;
-    std::vector<int> col_start(static_cast<std::size_t>(n) + 1, 0);
-    each_target(ia, ja, a, base, n, stored, symmetric, [&](int, int c, double) {
-        ++col_start[c + 1];
-        ++total;
-    });
-    for (int c = 0; c < n; ++c)
-        col_start[c + 1] += col_start[c];
-    std::vector<int> by_col_row(total), next(col_start.begin(), col_start.end() - 1);
-    std::vector<double> by_col_val(total);
-    std::vector<int> row_start(static_cast<std::size_t>(n) + 1, 0);
-    each_target(ia, ja, a, base, n, stored, symmetric, [&](int r, int c, double v) {
-        by_col_row[next[c]] = r;
-        by_col_val[next[c]++] = v;
-        ++row_start[r + 1];
-    });
-    for (int r = 0; r < n; ++r)
-        row_start[r + 1] += row_start[r];
-    std::vector<int> sorted_col(total);
-    std::vector<double> sorted_val(total);
-    next.assign(row_start.begin(), row_start.end() - 1);
-    for (int c = 0; c < n; ++c)
-        for (int q = col_start[c]; q < col_start[c + 1]; ++q) {
-            const int r = by_col_row[q];
-            sorted_col[next[r]] = c;
-            sorted_val[next[r]++] = by_col_val[q];
-        }
-
-    // Sizes first, so that each output array is allocated once at its final length.
-    auto row_length = [&](int r) {
-        int length = 0;
-        for (int q = row_start[r]; q < row_start[r + 1]; ++q)
-            length += q == row_start[r] || sorted_col[q] != sorted_col[q - 1];
-        const bool diagonal_first =
-            row_start[r] < row_start[r + 1] && sorted_col[row_start[r]] == r;
-        return length + (symmetric && !diagonal_first); // an explicit 0.0 diagonal
-    };
-    LSMsolver_csr built;
-    built.n = n;
-    built.ia = std::vector<int>(static_cast<std::size_t>(n) + 1);
-    built.ia[0] = 1;
-    for (int r = 0; r < n; ++r)
-        built.ia[r + 1] = built.ia[r] + row_length(r);
-    built.ja = std::vector<int>(static_cast<std::size_t>(built.ia[n] - 1));
-    built.a = std::vector<double>(built.ja.size());
-    for (int r = 0; r < n; ++r) {
-        int out_p = built.ia[r] - 1;
-        if (symmetric && !(row_start[r] < row_start[r + 1] && sorted_col[row_start[r]] == r)) {
-            built.ja[out_p] = r + 1;
-            built.a[out_p++] = 0.0;
-        }
-        for (int q = row_start[r]; q < row_start[r + 1]; ++q) {
-            if (q > row_start[r] && sorted_col[q] == sorted_col[q - 1]) {
-                built.a[out_p - 1] += sorted_val[q]; // repeated entries summed in input order
-                continue;
-            }
-            built.ja[out_p] = sorted_col[q] + 1;
-            built.a[out_p++] = sorted_val[q];
-        }
-    }
-    out = std::move(built);
-    return LSMsolver_check_csr(n, out.ia.data(), out.ja.data(), out.a.data(),
-                               static_cast<int>(out.ja.size()), mtype);
+LSMsolver_csr_check LSMsolver_prepare_csr(int n, int nnz, const int* rows, const int* cols,
+                                          const double* a, int base, LSMsolver_stored stored,
+                                          LSMsolver_mattype mtype, LSMsolver_csr& out)
+{
+    LSMsolver_csr_check found = check_common(n, base, mtype);
+    const TripletInput in{nnz, rows, cols, a, base};
+    if (found.code == LSM_CSR_OK)
+        found = check_triplet_input(n, in, stored);
+    return found.code == LSM_CSR_OK ? build(n, in, stored, mtype, out) : found;
 }

@@ -2,8 +2,8 @@
 // The state machine, phase sequence, fixed control table and right-hand-side batching shared by
 // every solver over PARDISO's engines (the shared-memory one and the MPI cluster one).
 //
-// A solver keeps an int state and supplies `call(phase, count, b, x)`, which makes one engine
-// call and returns its error code. The steps here refuse calls out of order without reaching
+// A solver keeps its LSMsolver_state and supplies `call(phase, count, b, x)`, which makes one
+// engine call and returns its error code. The steps here refuse calls out of order without reaching
 // the engine, and never change the state on a failed call except where noted. Deliberate
 // oddities: a failed factorization keeps the state at 0 so that it can be retried; the group of
 // remaining right-hand sides is solved even after a failed full group, and its error decides.
@@ -11,6 +11,8 @@
 #define KELMATRIX_SOLVER_CYCLE_H
 
 #include <algorithm>
+
+#include "kelmatrix/sparse.h"
 
 namespace kelmatrix {
 namespace internal {
@@ -21,12 +23,7 @@ constexpr int kPhaseRefactor = 22;      // numerical factorization on the held a
 constexpr int kPhaseSolveRefine = 33;   // forward/backward solve with iterative refinement
 constexpr int kPhaseReleaseAll = -1;    // release all internal memory
 
-// Solver states.
-constexpr int kStateDefault = -1;       // default-constructed
-constexpr int kStateReady = 0;          // initialized or cleared
-constexpr int kStateRefactorFailed = 1; // analysis held, factors lost: refactor() or clear()
-constexpr int kStateFactored = 2;       // factored, not solved yet
-constexpr int kStateSolved = 3;         // solved at least once
+using State = LSMsolver_state;
 
 constexpr int kParamCount = 64; // entries of iparm and of the handle pt
 
@@ -44,42 +41,42 @@ inline void fixed_iparm(int* iparm, int threads, int maxRefinementSteps)
 }
 
 /// init() and set_settings() only while no factorization is held.
-inline bool holds_factorization(int state)
+inline bool holds_factorization(State state)
 {
-    return state > kStateReady;
+    return state > State::Ready;
 }
 
 // Which calls each state allows; the steps below refuse the others without reaching the engine.
 // A solver over several processes asks these first, so that all of them refuse together.
-inline bool may_factor(int state)
+inline bool may_factor(State state)
 {
-    return state == kStateReady;
+    return state == State::Ready;
 }
 
-inline bool may_refactor(int state)
+inline bool may_refactor(State state)
 {
-    return state == kStateFactored || state == kStateSolved || state == kStateRefactorFailed;
+    return state == State::Factored || state == State::Solved || state == State::RefactorFailed;
 }
 
-inline bool may_solve(int state)
+inline bool may_solve(State state)
 {
-    return state == kStateFactored || state == kStateSolved;
+    return state == State::Factored || state == State::Solved;
 }
 
 // The phases without right-hand sides still hand the engine the solver's nrhs, as it was given.
 
-template <class Call> bool factor_step(int& state, int nrhs, Call&& call)
+template <class Call> bool factor_step(State& state, int nrhs, Call&& call)
 {
     if (!may_factor(state))
         return false;
     double dummy = 0.0;
     if (call(kPhaseAnalyzeFactor, nrhs, &dummy, &dummy) != 0)
         return false; // Deliberate: still ready, so factor() may be retried
-    state = kStateFactored;
+    state = State::Factored;
     return true;
 }
 
-template <class Call> bool refactor_step(int& state, int nrhs, Call&& call)
+template <class Call> bool refactor_step(State& state, int nrhs, Call&& call)
 {
     if (!may_refactor(state))
         return false;
@@ -87,17 +84,17 @@ template <class Call> bool refactor_step(int& state, int nrhs, Call&& call)
     if (call(kPhaseRefactor, nrhs, &dummy, &dummy) != 0) {
         // The engine has overwritten the old factors in place: they must not be solved with,
         // but the analysis and its memory are still held, so clear() releases them.
-        state = kStateRefactorFailed;
+        state = State::RefactorFailed;
         return false;
     }
-    state = kStateFactored;
+    state = State::Factored;
     return true;
 }
 
 /// count right-hand sides of `stride` doubles each, one after another in b and x, solved in
 /// groups of nrhs and then one group of the rest, straight in the caller's arrays.
 template <class Call>
-bool solve_steps(int& state, int count, int nrhs, long long stride, double* b, double* x,
+bool solve_steps(State& state, int count, int nrhs, long long stride, double* b, double* x,
                  Call&& call)
 {
     if (!may_solve(state))
@@ -113,17 +110,17 @@ bool solve_steps(int& state, int count, int nrhs, long long stride, double* b, d
         error = call(kPhaseSolveRefine, rest, b + full * batch_stride, x + full * batch_stride);
     if (error != 0)
         return false;
-    state = kStateSolved;
+    state = State::Solved;
     return true;
 }
 
-template <class Call> void clear_step(int& state, int nrhs, Call&& call)
+template <class Call> void clear_step(State& state, int nrhs, Call&& call)
 {
-    if (state > kStateReady) { // nothing held below: the engine is not called
+    if (state > State::Ready) { // nothing held below: the engine is not called
         double dummy = 0.0;
         call(kPhaseReleaseAll, nrhs, &dummy, &dummy); // its error is of no use here
     }
-    state = kStateReady;
+    state = State::Ready;
 }
 
 } // namespace internal

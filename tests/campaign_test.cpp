@@ -45,8 +45,8 @@ TEST_P(Sweep, RandomProblemsMeetLapackAcceptanceRatios)
 }
 
 INSTANTIATE_TEST_SUITE_P(Campaign, Sweep, testing::Range(0, kt::family_count()),
-                         [](const testing::TestParamInfo<int>& info) {
-                             return std::string(kt::family_name(info.param));
+                         [](const testing::TestParamInfo<int>& family) {
+                             return std::string(kt::family_name(family.param));
                          });
 
 } // namespace

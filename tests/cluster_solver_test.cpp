@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <mpi.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <random>
@@ -403,6 +404,172 @@ TEST_F(LSMclusterSolverTest, FailedFactorizationIsFalseOnEveryRank)
     EXPECT_EQ(r.input_problem().rank, 0);
     EXPECT_EQ(r.input_problem().check.code, LSM_CSR_COLUMNS_NOT_ASCENDING);
     EXPECT_EQ(r.input_problem().check.row, 1);
+}
+
+// Every refusal records its reason, the same on every rank, and the next accepted call clears it.
+TEST_F(LSMclusterSolverTest, EachRefusalRecordsItsReasonOnEveryRank)
+{
+    kt::Csr A = laplacian3d(5);
+    Block mine = my_rows(A, kEven);
+    std::vector<double> b(mine.rows(), 1.0), x(mine.rows(), 0.0);
+    const auto init = [&](LSMclusterSolver& s, MPI_Comm comm, int n, int first, int last,
+                          int nrhs) {
+        return s.init(comm, n, first, last, mine.ia.data(), mine.ja.data(), mine.a.data(), nrhs, 0,
+                      kSpd);
+    };
+    const auto reason = [](const LSMclusterSolver& s) { return s.diagnostics().refusal; };
+    LSMclusterSolver s;
+    EXPECT_FALSE(s.set_settings(LSMsolver_settings()));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NOT_INITIALISED);
+    EXPECT_FALSE(init(s, MPI_COMM_NULL, A.n, mine.first, mine.last, 1));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NO_COMMUNICATOR);
+    EXPECT_FALSE(init(s, MPI_COMM_WORLD, A.n, mine.first, mine.last, 0));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_BAD_ARGUMENTS);
+    // Rank 1 overlaps rank 0's last row (one rank: a block past n).
+    EXPECT_FALSE(init(s, MPI_COMM_WORLD, A.n, g_rank == 0 ? 1 : mine.first - 1,
+                      g_ranks == 1 ? A.n + 1 : mine.last, 1));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_BAD_ROW_BLOCKS);
+    if (g_ranks > 1) {
+        EXPECT_FALSE(init(s, MPI_COMM_WORLD, A.n, mine.first, mine.last, 1 + g_rank));
+        EXPECT_EQ(reason(s), LSM_REFUSAL_RANKS_DIFFER);
+    }
+    ASSERT_TRUE(init(s, MPI_COMM_WORLD, A.n, mine.first, mine.last, 1));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NONE);
+    EXPECT_FALSE(s.factor());
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NEEDS_CLEAR);
+    LSMsolver_settings md;
+    md.ordering = LSM_ORDERING_MINIMUM_DEGREE;
+    EXPECT_FALSE(s.set_settings(md));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_BAD_SETTINGS);
+    EXPECT_TRUE(s.clear());
+    EXPECT_FALSE(s.solve(1, b.data(), x.data()));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NOT_FACTORED);
+    ASSERT_TRUE(s.factor());
+    EXPECT_FALSE(s.factor());
+    EXPECT_EQ(reason(s), LSM_REFUSAL_HOLDS_FACTORIZATION);
+    EXPECT_EQ(s.state(), LSMsolver_state::Factored);
+    EXPECT_FALSE(s.solve(-1, b.data(), x.data()));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_SHAPE);
+    if (g_ranks > 1) {
+        EXPECT_FALSE(s.solve(g_rank == 0 ? 1 : 0, b.data(), x.data()));
+        EXPECT_EQ(reason(s), LSM_REFUSAL_RANKS_DIFFER);
+    }
+
+    // A NaN in one rank's right-hand side: the engine solves, the solver refuses on every rank.
+    std::vector<double> nan_b = b;
+    if (g_rank == g_ranks - 1)
+        nan_b.back() = std::nan("");
+    EXPECT_FALSE(s.solve(1, nan_b.data(), x.data()));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NOT_FINITE);
+    EXPECT_GT(s.diagnostics().nonFiniteSolutions, 0);
+    EXPECT_EQ(s.state(), LSMsolver_state::Factored); // as it was
+    EXPECT_TRUE(s.solve(1, b.data(), x.data()));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NONE);
+    EXPECT_EQ(s.diagnostics().nonFiniteSolutions, 0);
+}
+
+// A type-2 matrix that is not positive definite (I minus the grid's adjacency: positive
+// diagonal, eigenvalues 1 - 2(cos + cos + cos) of both signs) is never solved to true with a
+// non-finite solution on any rank.
+TEST_F(LSMclusterSolverTest, NoTrueWithANonFiniteSolution)
+{
+    kt::Csr A = laplacian3d(6);
+    for (int i = 0; i < A.n; ++i)
+        A.a[A.ia[i] - 1] = 1.0; // each row's first entry is its diagonal
+    Block mine = my_rows(A, kEven);
+    std::vector<double> b(mine.rows(), 1.0), x(mine.rows(), 0.0);
+    LSMclusterSolver s(MPI_COMM_WORLD, A.n, mine.first, mine.last, mine.ia.data(), mine.ja.data(),
+                       mine.a.data(), 1, 0, kSpd);
+    if (!s.factor()) {
+        EXPECT_NE(s.diagnostics().error, 0);
+        return;
+    }
+    const bool solved = s.solve(1, b.data(), x.data());
+    int finite = 1;
+    for (double v : x)
+        finite &= std::isfinite(v) ? 1 : 0;
+    MPI_Allreduce(MPI_IN_PLACE, &finite, 1, MPI_INT, MPI_MIN, MPI_COMM_WORLD);
+    EXPECT_TRUE(!solved || finite == 1);
+    if (!solved && finite == 0) { // the engine's solve went through: the solver refused it
+        EXPECT_EQ(s.diagnostics().refusal, LSM_REFUSAL_NOT_FINITE);
+    }
+}
+
+// Factored solvers in a growing vector are moved, and each still solves; the moved-from ones
+// communicate with nobody when destroyed.
+TEST_F(LSMclusterSolverTest, AGrowingVectorOfFactoredSolvers)
+{
+    kt::Csr A = laplacian3d(5);
+    Block mine = my_rows(A, kEven);
+    const std::vector<double> b = kt::random_dense(rng, A.n, 1).v;
+    std::vector<double> b_part = local_part(b, A.n, 1, mine), x_part(b_part.size());
+    std::vector<LSMclusterSolver> solvers;
+    for (int k = 0; k < 5; ++k) {
+        solvers.emplace_back(MPI_COMM_WORLD, A.n, mine.first, mine.last, mine.ia.data(),
+                             mine.ja.data(), mine.a.data(), 1, 0, kSpd);
+        ASSERT_TRUE(solvers.back().factor());
+    }
+    for (LSMclusterSolver& s : solvers) {
+        ASSERT_TRUE(s.solve(1, b_part.data(), x_part.data()));
+        EXPECT_LT(kt::residual_ratio(A, gathered(x_part, A.n, 1, mine), b, 1), 30.0);
+    }
+    LSMclusterSolver moved(std::move(solvers[2]));
+    EXPECT_EQ(solvers[2].state(), LSMsolver_state::Unset);
+    EXPECT_EQ(solvers[2].first_row(), 0);
+    EXPECT_TRUE(moved.solve(1, b_part.data(), x_part.data()));
+}
+
+// The even split covers 1..n in rank order, blocks differing by one row at most; the gather puts
+// a solve's distributed solutions whole on rank 0, and refuses on every rank what does not tile.
+TEST_F(LSMclusterSolverTest, SplitRowsAndGatherTheSolution)
+{
+    for (const int n : {1, 7, 64, 1000})
+        for (int ranks = 1; ranks <= 9; ++ranks) {
+            int expected_first = 1, smallest = n, largest = 0;
+            for (int r = 0; r < ranks; ++r) {
+                int first = -5, last = -5;
+                const bool split = LSMclusterSolver_split_rows(n, ranks, r, first, last);
+                ASSERT_EQ(split, n >= ranks) << n << " over " << ranks;
+                if (!split) {
+                    EXPECT_EQ(first, -5);
+                    continue;
+                }
+                EXPECT_EQ(first, expected_first);
+                smallest = std::min(smallest, last - first + 1);
+                largest = std::max(largest, last - first + 1);
+                expected_first = last + 1;
+            }
+            if (n >= ranks) {
+                EXPECT_TRUE(expected_first == n + 1 && largest - smallest <= 1)
+                    << n << ", " << ranks;
+            }
+        }
+    int first = 0, last = 0;
+    EXPECT_FALSE(LSMclusterSolver_split_rows(5, 2, 2, first, last) ||
+                 LSMclusterSolver_split_rows(5, 0, 0, first, last));
+
+    kt::Csr A = laplacian3d(6);
+    ASSERT_TRUE(LSMclusterSolver_split_rows(A.n, g_ranks, g_rank, first, last));
+    Block mine = rows_of(A, first, last);
+    const std::vector<double> b = kt::random_dense(rng, A.n, 2).v;
+    std::vector<double> b_part = local_part(b, A.n, 2, mine), x_part(b_part.size());
+    LSMclusterSolver s(MPI_COMM_WORLD, A.n, first, last, mine.ia.data(), mine.ja.data(),
+                       mine.a.data(), 2, 0, kSpd);
+    ASSERT_TRUE(s.factor() && s.solve(2, b_part.data(), x_part.data()));
+    std::vector<double> whole(g_rank == 0 ? b.size() : 0, -1.0);
+    ASSERT_TRUE(LSMclusterSolver_gather(MPI_COMM_WORLD, A.n, first, last, 2, x_part.data(),
+                                        g_rank == 0 ? whole.data() : nullptr));
+    const std::vector<double> reference = gathered(x_part, A.n, 2, mine); // collective
+    if (g_rank == 0) {
+        EXPECT_EQ(whole, reference); // the tests' own gather, bit for bit
+    }
+    EXPECT_FALSE(LSMclusterSolver_gather(MPI_COMM_WORLD, A.n, first, last, 1 + g_rank,
+                                         x_part.data(), whole.data()) &&
+                 g_ranks > 1);
+    EXPECT_FALSE(LSMclusterSolver_gather(MPI_COMM_WORLD, A.n + 1, first, last, 1, x_part.data(),
+                                         whole.data()));
+    EXPECT_FALSE(LSMclusterSolver_gather(MPI_COMM_WORLD, A.n, first, last, 1, x_part.data(),
+                                         nullptr)); // rank 0 has nowhere to put them
 }
 
 // Rank 0 prints GoogleTest's report; the others print only what fails, marked with their rank.

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "band/kernel_isa.h"
+#include "band/kernel_table.h"
 #include "kelmatrix/band.h"
 #include "test_util.h"
 

@@ -7,6 +7,7 @@
 // eps) computed here with plain loops over the test's own compressed rows.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <limits>
 #include <random>
 #include <string>
@@ -83,18 +84,18 @@ protected:
         LSMsolver::establish_numthreads(saved_threads > 0 ? saved_threads : 1);
         LSMsolver::mNumThreadsDefault = saved_threads;
     }
-    /// Solves b's columns by the raw overload into x: the residual ratio against A, infinite if
-    /// the solve fails or changes b.
+    /// Solves b's columns by the raw overload into solution: the residual ratio against A,
+    /// infinite if the solve fails or changes b.
     double solve_ratio(LSMsolver& s, const kt::Csr& A, const kt::Dense& b)
     {
         std::vector<double> b_copy = b.v;
-        x.assign(b.v.size(), 0.0);
-        return s.solve(b.cols, b_copy.data(), x.data()) && b_copy == b.v
-                   ? kt::residual_ratio(A, x, b.v, b.cols)
+        solution.assign(b.v.size(), 0.0);
+        return s.solve(b.cols, b_copy.data(), solution.data()) && b_copy == b.v
+                   ? kt::residual_ratio(A, solution, b.v, b.cols)
                    : std::numeric_limits<double>::infinity();
     }
     int saved_threads = -1;
-    std::vector<double> x; // solve_ratio's last solution
+    std::vector<double> solution; // solve_ratio's last one
     std::mt19937_64 rng{kt::seed()};
     int ia1[2] = {1, 2}, ja1[1] = {1}; // the 1 x 1 system a1 x = b
     double a1[1] = {4.0};
@@ -286,7 +287,7 @@ TEST_F(LSMsolverTest, RefactorReusesTheAnalysisForNewValues)
     ASSERT_TRUE(s.refactor());
     EXPECT_FALSE(s.factor()); // refactor leads to state 2, not 0
     EXPECT_LT(solve_ratio(s, changed, b), 30.0);
-    EXPECT_GT(kt::residual_ratio(A, x, b.v, 2), 1e6); // not the old matrix's solution
+    EXPECT_GT(kt::residual_ratio(A, solution, b.v, 2), 1e6); // not the old matrix's solution
     ASSERT_EQ(phases(), (std::vector<int>{12, 33, 22, 33}));
     EXPECT_EQ(g_calls[2].pt, g_calls[0].pt); // the handle the analysis filled, not a fresh one
     EXPECT_TRUE(g_calls[0].handle == nullptr && g_calls[2].handle != nullptr);
@@ -469,6 +470,135 @@ TEST_F(LSMsolverTest, CollectionMatricesSolveWithSmallResidual)
         EXPECT_LT(kt::residual_ratio(A, kt::snapshot(X), b.v, 3), 30.0);
         EXPECT_TRUE(borrowed.ia == A.ia && borrowed.ja == A.ja && borrowed.a == A.a);
     }
+}
+
+int count_phase(int phase)
+{
+    int count = 0;
+    for (const PardisoCall& c : g_calls)
+        count += c.phase == phase;
+    return count;
+}
+
+// Solvers as values: a vector of factored solvers grows by moving them, a solver returns by
+// value, and however copies are made and released, PARDISO's memory is released exactly once
+// and a copy left behind refuses instead of reaching it.
+TEST_F(LSMsolverTest, MovesKeepTheFactorizationAndCopiesReleaseItOnce)
+{
+    SCOPED_TRACE(kt::seed_note());
+    kt::Csr A = laplacian(7);
+    const kt::Dense b = kt::random_dense(rng, A.n, 1);
+    const auto factored = [&] {
+        LSMsolver s(A.n, A.ia.data(), A.ja.data(), A.a.data(), 1, 0);
+        EXPECT_TRUE(s.factor());
+        return s; // moved (or elided): the factorization goes with it
+    };
+    {
+        std::vector<LSMsolver> solvers;
+        for (int k = 0; k < 6; ++k) // a capacity of 1, 2, 4, 8: three growths move them
+            solvers.push_back(factored());
+        for (LSMsolver& s : solvers)
+            EXPECT_LT(solve_ratio(s, A, b), 30.0);
+        EXPECT_EQ(count_phase(-1), 0);
+        LSMsolver moved(std::move(solvers[0]));
+        EXPECT_EQ(solvers[0].state(), LSMsolver_state::Unset);
+        EXPECT_EQ(moved.state(), LSMsolver_state::Solved);
+        EXPECT_LT(solve_ratio(moved, A, b), 30.0);
+    }
+    EXPECT_EQ(count_phase(12), 6);
+    EXPECT_EQ(count_phase(-1), 6); // one each, none for the moved-from ones
+
+    // Each order of release: the copy first, the original first, a copy of a copy, and the
+    // designed detaching idiom. Every line releases once and the survivors refuse.
+    g_calls.clear();
+    LSMsolver s = factored();
+    {
+        LSMsolver t(s);
+        EXPECT_LT(solve_ratio(t, A, b), 30.0);
+    } // t released the factorization
+    EXPECT_EQ(solve_ratio(s, A, b), std::numeric_limits<double>::infinity());
+    EXPECT_EQ(s.diagnostics().refusal, LSM_REFUSAL_RELEASED_BY_COPY);
+    EXPECT_FALSE(s.refactor());
+    EXPECT_TRUE(s.clear() && s.clear());
+    EXPECT_EQ(count_phase(-1), 1);
+
+    g_calls.clear();
+    LSMsolver t;
+    s = factored();
+    t = s;
+    LSMsolver u(t);
+    EXPECT_TRUE(s.clear());
+    for (LSMsolver* copy : {&t, &u}) {
+        EXPECT_EQ(solve_ratio(*copy, A, b), std::numeric_limits<double>::infinity());
+        EXPECT_EQ(copy->diagnostics().refusal, LSM_REFUSAL_RELEASED_BY_COPY);
+        EXPECT_EQ(copy->state(), LSMsolver_state::Factored); // the designed state is copied
+    }
+    EXPECT_TRUE(t.clear() && u.clear());
+    EXPECT_EQ(count_phase(-1), 1);
+    ASSERT_TRUE(s.init(A.n, A.ia.data(), A.ja.data(), A.a.data(), 1, 0, kSpd) && s.factor());
+    t = s;
+    s = LSMsolver(); // detached: t owns the factorization alone
+    EXPECT_LT(solve_ratio(t, A, b), 30.0);
+    EXPECT_TRUE(t.clear());
+    EXPECT_EQ(count_phase(-1), 2);
+}
+
+// Every refusal of LSMsolver records its reason; the next call that goes ahead clears it.
+TEST_F(LSMsolverTest, EachRefusalRecordsItsReason)
+{
+    double b[2] = {8.0, 4.0}, sol[2] = {0.0, 0.0};
+    const auto reason = [](const LSMsolver& s) { return s.diagnostics().refusal; };
+    LSMsolver s;
+    LSMsolver_settings bad;
+    bad.pivotPerturbation = 0;
+    EXPECT_FALSE(s.set_settings(LSMsolver_settings()));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NOT_INITIALISED); // the state is -1 before and after init
+    EXPECT_TRUE(s.init(1, ia1, ja1, a1, 1, 0, kSpd) && s.set_settings(LSMsolver_settings()));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NONE);
+    EXPECT_FALSE(s.factor());
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NEEDS_CLEAR);
+    EXPECT_NE(std::string(s.diagnostics().refusalMessage).find("clear()"), std::string::npos);
+    EXPECT_FALSE(s.set_settings(bad));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_BAD_SETTINGS);
+    EXPECT_TRUE(s.clear());
+    EXPECT_FALSE(s.solve(1, b, sol));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NOT_FACTORED);
+    EXPECT_FALSE(s.refactor());
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NOT_FACTORED);
+    ASSERT_TRUE(s.factor());
+    for (int call = 0; call < 3; ++call) {
+        const bool refused = call == 0   ? s.factor()
+                             : call == 1 ? s.init(1, ia1, ja1, a1, 1, 0, kSpd)
+                                         : s.set_settings(LSMsolver_settings());
+        EXPECT_FALSE(refused);
+        EXPECT_EQ(reason(s), LSM_REFUSAL_HOLDS_FACTORIZATION) << call;
+    }
+    KelMatrix B, X;
+    kt::to_kel(kt::Dense(1, 2, 8.0), B);
+    kt::to_kel(kt::Dense(1, 3, 0.0), X);
+    EXPECT_FALSE(s.solve(B, X));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_SHAPE);
+    EXPECT_EQ(s.state(), LSMsolver_state::Factored);
+    a1[0] = -4.0; // a type-2 refactorization of a negative value fails
+    EXPECT_FALSE(s.refactor());
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NONE); // refused by PARDISO, not by the solver
+    EXPECT_NE(s.diagnostics().error, 0);
+    EXPECT_EQ(s.state(), LSMsolver_state::RefactorFailed);
+    EXPECT_FALSE(s.solve(1, b, sol));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_REFACTOR_FAILED);
+    a1[0] = 4.0;
+    ASSERT_TRUE(s.refactor() && s.solve(2, b, sol));
+    EXPECT_EQ(reason(s), LSM_REFUSAL_NONE);
+    EXPECT_EQ(s.state(), LSMsolver_state::Solved);
+    EXPECT_TRUE(sol[0] == 2.0 && sol[1] == 1.0);
+    EXPECT_EQ(s.diagnostics().nonFiniteSolutions, 0);
+
+    // A NaN right-hand side: the designed result stands, the count tells.
+    double nan_b[2] = {std::numeric_limits<double>::quiet_NaN(), 4.0};
+    const bool solved = s.solve(2, nan_b, sol);
+    const long long non_finite = !std::isfinite(sol[0]) + !std::isfinite(sol[1]);
+    EXPECT_EQ(s.diagnostics().nonFiniteSolutions, solved ? non_finite : 0);
+    EXPECT_TRUE(!solved || non_finite > 0);
 }
 
 } // namespace

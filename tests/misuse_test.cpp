@@ -107,6 +107,16 @@ TEST_F(MisuseTest, AccessorIndicesAgainstTheShape)
     ASSERT_EQ(C.DimensionBordered(5, 1, 1), KEL_BORDERED_OK);
     const KelMatrixBordered& cc = C;
     EXPECT_MISUSE(cc(5, 0), "KelMatrixBordered::operator()", "0 <= i < rows");
+    // A cyclic call whose m is not the bordered storage's border reads band storage as border.
+    C.SetIdentity();
+    KelMatrix B;
+    B.Dimension(5, 1, -1, -1);
+    B.SetZero();
+    EXPECT_MISUSE(cyclic_Cholesky_factor(C, 1, 2, 0.0), "cyclic_Cholesky_factor",
+                  "m == A's border size (KelMatrixBordered)");
+    EXPECT_MISUSE(cyclic_Cholesky_subst(C, 1, 0, B), "cyclic_Cholesky_subst",
+                  "m == A's border size (KelMatrixBordered)");
+    EXPECT_EQ(cyclic_Cholesky_factor(C, 1, 1, 0.0), 1); // its own border: accepted
 }
 
 TEST_F(MisuseTest, CompressedRowsThroughTheChecker)

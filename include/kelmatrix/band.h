@@ -46,6 +46,15 @@ public:
     /// Empty: order 0, no border, as KelGenericMatrix otherwise.
     KelMatrixBordered();
     ~KelMatrixBordered() override;
+    /// A deep copy: src's shape, border and flags in a block of its own.
+    KelMatrixBordered(const KelMatrixBordered& src);
+    /// Takes src's block; src is left empty, as default-constructed.
+    KelMatrixBordered(KelMatrixBordered&& src) noexcept;
+    /// A deep copy into a fresh block (allocated before the old one is released, so a failure
+    /// leaves this matrix as it was); self-assignment is harmless.
+    KelMatrixBordered& operator=(const KelMatrixBordered& src);
+    /// Releases this matrix's block and takes src's; src is left empty.
+    KelMatrixBordered& operator=(KelMatrixBordered&& src) noexcept;
 
     /// Element (i, j) of the pattern, mirrored into the upper triangle; see the class comment.
     double& operator()(int i, int j) override;
@@ -133,5 +142,29 @@ KELMATRIX_API void kronecker_lower_substitute(int w1, int w2, KelGenericMatrix& 
 /// Lower then upper on the same X solves (U1^T U1 kron U2^T U2) y = x.
 KELMATRIX_API void kronecker_upper_substitute(int w1, int w2, KelGenericMatrix& U1,
                                               KelGenericMatrix& U2, KelMatrix& X);
+
+// ---- Products and residuals ----
+
+/// Y = A X over A's band only: kl rows below and ku above the diagonal, max(kl, ku) on both
+/// sides when A is flagged symmetric (its accessor mirrors, so pass kl = 0 and ku = kd storage
+/// of a symmetric band matrix with SetSymmetric(true)). Y is re-dimensioned to A.rows x X.cols
+/// (dense; its earlier band and flags stay as Dimension keeps them). Sums run in a fixed order:
+/// the bits do not depend on the instruction set or the thread count. Returns KEL_PRODUCT_OK, or
+/// KEL_PRODUCT_EMPTY (no band recorded or no storage), KEL_PRODUCT_SHAPE (X.rows != A.cols) or
+/// KEL_PRODUCT_ALIASED (Y's block is A's or X's), Y then untouched.
+KELMATRIX_API int multiplyBanded(const KelMatrixBanded& A, const KelMatrix& X, KelMatrix& Y);
+/// Y = A X for the whole symmetric bordered matrix (A11's band, the border and the corner, each
+/// mirrored), as multiplyBanded otherwise.
+KELMATRIX_API int multiplyBordered(const KelMatrixBordered& A, const KelMatrix& X, KelMatrix& Y);
+/// ratio = ||B - A X||_1 / (||A||_1 ||X||_1 n eps) with n = A.rows, 1-norms of the matrices
+/// (largest column sum), A X over the band as multiplyBanded computes it: a backward-stable
+/// solve of A X = B gives a ratio of order 1 (tests accept up to 30 or so). 0 when B equals
+/// A X exactly, infinite when the denominator is 0 otherwise. Returns a KelProduct_status
+/// (KEL_PRODUCT_SHAPE also when B is not A.rows x X.cols); ratio is written only on success.
+KELMATRIX_API int residualRatio(const KelMatrixBanded& A, const KelMatrix& X, const KelMatrix& B,
+                                double& ratio);
+/// The same for a bordered matrix, its product as multiplyBordered computes it.
+KELMATRIX_API int residualRatio(const KelMatrixBordered& A, const KelMatrix& X, const KelMatrix& B,
+                                double& ratio);
 
 #endif

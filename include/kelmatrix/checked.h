@@ -25,7 +25,7 @@ typedef void (*kelmatrix_check_handler)(const char* function, const char* condit
 
 /// Installs handler for every later report, process-wide, and returns the handler it replaces
 /// (nullptr for the default). nullptr restores the default, which writes one line to stderr,
-/// "kelmatrix: misuse in SolveSP: B.rows == A.cols does not hold (A.cols = 4, B.rows = 3)",
+/// "kelmatrix: misuse in SolveSP: B.rows == A.cols does not hold (order = 4, B.rows = 3)",
 /// and aborts. A handler must not return: it may abort, exit, throw (the reporting function has
 /// changed nothing of its arguments) or jump away; should it return, the library aborts.
 /// Exported by libkelmatrix_checked only.

@@ -118,4 +118,16 @@ KELMATRIX_API bool EigenValuesS(const KelMatrix& A, double* eigenvalues, KelMatr
 /// failure.
 KELMATRIX_API int spdmEigenproblem(const KelMatrix& A, KelMatrix& W, KelMatrix& Z, int copyInputs);
 
+// ---- Residuals ----
+
+/// ratio = ||B - A X||_1 / (||A||_1 ||X||_1 n eps) with n = A.rows and 1-norms of the matrices
+/// (largest column sum), A read through its accessor: mirrored when flagged symmetric, only the
+/// used triangle when flagged triangular alone. A backward-stable solve of A X = B gives a ratio
+/// of order 1 (tests accept up to 30 or so). 0 when B equals A X exactly, infinite when the
+/// denominator is 0 otherwise. Sums run in a fixed order (no BLAS). Returns KEL_PRODUCT_OK, or
+/// KEL_PRODUCT_EMPTY (A has no storage) or KEL_PRODUCT_SHAPE (X.rows != A.cols, or B not
+/// A.rows x X.cols); ratio is written only on success.
+KELMATRIX_API int residualRatio(const KelMatrix& A, const KelMatrix& X, const KelMatrix& B,
+                                double& ratio);
+
 #endif

@@ -1,32 +1,14 @@
 // KELMATRIX export macros
 // Mark the declarations that form the libraries' binary interfaces.
 //
-// The libraries are built with hidden visibility; only what carries KELMATRIX_API is exported
-// from libkelmatrix.so, and only what carries KELMATRIX_MPI_API from libkelmatrix_mpi.so.
-// KELMATRIX_LOCAL keeps a private member of an exported class out of either.
+// The libraries are built with hidden visibility (GCC and Clang, ELF); only what carries
+// KELMATRIX_API is exported from libkelmatrix.so, and only what carries KELMATRIX_MPI_API from
+// libkelmatrix_mpi.so. KELMATRIX_LOCAL keeps a private member of an exported class out of either.
 #ifndef KELMATRIX_EXPORT_H
 #define KELMATRIX_EXPORT_H
 
-#if defined(_WIN32)
-#    if defined(KELMATRIX_BUILDING)
-#        define KELMATRIX_API __declspec(dllexport)
-#    else
-#        define KELMATRIX_API __declspec(dllimport)
-#    endif
-#    define KELMATRIX_LOCAL
-#else
-#    define KELMATRIX_API __attribute__((visibility("default")))
-#    define KELMATRIX_LOCAL __attribute__((visibility("hidden")))
-#endif
-
-#if defined(_WIN32)
-#    if defined(KELMATRIX_MPI_BUILDING)
-#        define KELMATRIX_MPI_API __declspec(dllexport)
-#    else
-#        define KELMATRIX_MPI_API __declspec(dllimport)
-#    endif
-#else
-#    define KELMATRIX_MPI_API __attribute__((visibility("default")))
-#endif
+#define KELMATRIX_API __attribute__((visibility("default")))
+#define KELMATRIX_LOCAL __attribute__((visibility("hidden")))
+#define KELMATRIX_MPI_API __attribute__((visibility("default")))
 
 #endif

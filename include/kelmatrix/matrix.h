@@ -29,6 +29,18 @@ KELMATRIX_API double* next_aligned_adr(double* p);
 class KelMatrixBanded;
 class KelMatrixPacked;
 
+/// Results of the products and residual ratios (multiplyBanded, residualRatio, ...);
+/// KelProduct_message names them.
+enum KelProduct_status : int {
+    KEL_PRODUCT_OK = 0,
+    KEL_PRODUCT_SHAPE,   ///< X's rows are not A's columns, or B's shape is not A X's
+    KEL_PRODUCT_ALIASED, ///< the output shares its block with an input
+    KEL_PRODUCT_EMPTY    ///< A has no storage, or a band matrix no recorded band
+};
+
+/// A fixed English description of a KelProduct_status value; never null.
+KELMATRIX_API const char* KelProduct_message(int status);
+
 namespace kelmatrix {
 namespace internal {
 struct StorageAccess; // the library's own field access; not part of the interface
@@ -130,6 +142,10 @@ public:
     /// Empty, as KelGenericMatrix.
     KelMatrix();
     ~KelMatrix() override;
+    /// Takes src's block, shape and flags; src is left empty (0 x 0, no block), as
+    /// default-constructed. What return by value and a growing std::vector use. There is no
+    /// copy constructor, and no move assignment: X = std::move(Y) is the deep copy below.
+    KelMatrix(KelMatrix&& src) noexcept;
 
     /// Element (i, j) at elements[rows * j + i], mirrored when symmetric.
     double& operator()(int i, int j) override;
@@ -162,6 +178,12 @@ public:
     /// Empty, as KelGenericMatrix.
     KelMatrixBanded();
     ~KelMatrixBanded() override;
+    /// Takes src's block, shape and flags; src is left empty, as default-constructed. There is
+    /// no copy constructor.
+    KelMatrixBanded(KelMatrixBanded&& src) noexcept;
+    /// Deliberate: the shallow member copy of KelGenericMatrix::operator= (both objects then
+    /// refer to one block), from any source, a temporary included.
+    KelMatrixBanded& operator=(const KelMatrixBanded& src);
 
     /// Element (i, j) in band row kl + ku + i - j of column j, mirrored when symmetric.
     double& operator()(int i, int j) override;

@@ -7,7 +7,8 @@
 // it sets KMP_DUPLICATE_LIB_OK=TRUE in the process environment so that MKL's OpenMP runtime
 // tolerates another copy already loaded in the host.
 //
-// The caller's duties, which nothing checks:
+// The caller's duties, which the normal build does not check (the checked build does, and
+// LSMsolver_check_csr() on request):
 //  - ia (n+1 entries), ja and a use 1-based indices, each row's column indices sorted
 //    ascending, and stay alive and unchanged from factor() until clear(): the solver borrows
 //    them (PARDISO reads them again when solving), never copies or frees them;
@@ -15,9 +16,10 @@
 //    entry (an explicit 0.0 where the matrix has none); for types 1 and 11 pass the whole
 //    matrix (for type 1 its pattern must be symmetric);
 //  - assignment and copy construction are shallow: both objects then share one PARDISO
-//    handle, and clearing or destroying either releases PARDISO's memory for both. Before the
-//    other one is used or destroyed, assign it an unfactored solver: its own clear() would
-//    release the memory a second time;
+//    handle. Clearing or destroying either releases PARDISO's memory once; the other then
+//    refuses to solve or refactor (LSM_REFUSAL_RELEASED_BY_COPY) and its own clear() releases
+//    nothing. Solvers move (std::vector growth, return by value keep the factorization);
+//    element assignment in a container (erase, insert in the middle, sort) copies shallowly;
 //  - a true result means PARDISO reported no error, not that the solution is accurate. By default
 //    PARDISO's scaling and weighted matching stay off, so matrices with many zero or tiny
 //    diagonal entries (KKT systems, some unsymmetric ones) may get perturbed pivots and poor or
@@ -35,6 +37,22 @@
 #include <vector>
 
 #include "kelmatrix/matrix.h"
+
+namespace kelmatrix {
+namespace internal {
+class SolverEngine;  // the engine calls both solvers share; not part of the interface
+struct SolverMemory; // the record copies share of whether the engine's memory is held
+} // namespace internal
+} // namespace kelmatrix
+
+/// Where a solver's cycle stands; the values are the designed state numbers.
+enum class LSMsolver_state : int {
+    Unset = -1,         ///< default-constructed (or moved from): init() and clear() before factor()
+    Ready = 0,          ///< initialized or cleared: factor() may run
+    RefactorFailed = 1, ///< a refactor() failed: the analysis is held, the factors are not
+    Factored = 2,       ///< factored, not solved yet
+    Solved = 3          ///< solved at least once
+};
 
 /// PARDISO's real matrix types; the values are PARDISO's mtype codes, passed unchanged.
 enum LSMsolver_mattype : int {
@@ -74,6 +92,25 @@ struct LSMsolver_settings {
     bool factorStatistics = false; ///< PARDISO iparm[17] = -1 on entry
 };
 
+/// Why a solver refused the last call, without reaching the engine (see
+/// LSMsolver_diagnostics::refusal). A refused call changes nothing but this record.
+enum LSMsolver_refusal : int {
+    LSM_REFUSAL_NONE = 0,            ///< the last call was not refused
+    LSM_REFUSAL_NEEDS_CLEAR,         ///< factor() on a default-constructed (or moved-from) solver
+    LSM_REFUSAL_HOLDS_FACTORIZATION, ///< init(), factor() or set_settings() while factored
+    LSM_REFUSAL_NOT_FACTORED,        ///< solve() or refactor() with no factorization
+    LSM_REFUSAL_REFACTOR_FAILED,     ///< solve() after a failed refactor()
+    LSM_REFUSAL_RELEASED_BY_COPY,    ///< solve() or refactor() after a copy released the memory
+    LSM_REFUSAL_NOT_INITIALISED,     ///< set_settings() before this object's init()
+    LSM_REFUSAL_BAD_SETTINGS,        ///< a settings field out of range, or an ordering not offered
+    LSM_REFUSAL_SHAPE,               ///< solve(): B and X differ in shape or do not fit the order
+    LSM_REFUSAL_NO_COMMUNICATOR,     ///< LSMclusterSolver: init with MPI_COMM_NULL
+    LSM_REFUSAL_BAD_ARGUMENTS,       ///< LSMclusterSolver: n < 1, nrhs < 1 or an unknown type
+    LSM_REFUSAL_BAD_ROW_BLOCKS,      ///< LSMclusterSolver: blocks not covering 1..n in rank order
+    LSM_REFUSAL_RANKS_DIFFER,        ///< LSMclusterSolver: ranks passed different values
+    LSM_REFUSAL_NOT_FINITE           ///< LSMclusterSolver: a solution entry is NaN or infinite
+};
+
 /// What PARDISO reported, read after any call (see LSMsolver::diagnostics()).
 struct LSMsolver_diagnostics {
     int error = 0;           ///< PARDISO's error code of the last call that reached it; 0: none
@@ -85,6 +122,11 @@ struct LSMsolver_diagnostics {
     int peakAnalysisMemoryKB = 0;  ///< peak memory of the analysis, KiB
     int peakFactorMemoryKB = 0;    ///< memory held by the factorization and solve, KiB
     long long factorNonzeros = -1; ///< nonzeros in the factor; -1 unless factorStatistics is set
+    LSMsolver_refusal refusal = LSM_REFUSAL_NONE; ///< why the last call was refused, if it was
+    const char* refusalMessage = "";              ///< that reason in words (fixed text, never null)
+    /// NaN or infinite entries in the solutions of the last solve() that reached the engine
+    /// without an error (over all ranks for LSMclusterSolver); 0 before any.
+    long long nonFiniteSolutions = 0;
 };
 
 /// A fixed English description of a PARDISO error code (0 included); never null.
@@ -107,18 +149,21 @@ enum LSMsolver_csr_problem : int {
     LSM_CSR_NONPOSITIVE_DIAGONAL,  ///< a diagonal value <= 0 for type 2
     LSM_CSR_NOT_FINITE,            ///< an infinite or NaN value
     LSM_CSR_BAD_BASE,              ///< LSMsolver_prepare_csr(): base is neither 0 nor 1
-    LSM_CSR_OUTSIDE_TRIANGLE, ///< LSMsolver_prepare_csr(): an entry outside the stated triangle
-    LSM_CSR_BAD_ROW_RANGE     ///< LSMsolver_check_csr_rows(): rows not within 1..n, or none
+    LSM_CSR_OUTSIDE_TRIANGLE,  ///< LSMsolver_prepare_csr(): an entry outside the stated triangle
+    LSM_CSR_BAD_ROW_RANGE,     ///< LSMsolver_check_csr_rows(): rows not within 1..n, or none
+    LSM_CSR_ROW_OUT_OF_RANGE,  ///< LSMsolver_prepare_csr() from triplets: a row outside 1..n
+    LSM_CSR_BAD_VECTORS,       ///< LSMsolver_multiply(): count < 0, or null or overlapping x, y
+    LSM_CSR_SPARSE_BLAS_FAILED ///< LSMsolver_multiply(): MKL's sparse BLAS reported an error
 };
 
 /// The result of a check: the code, where (1-based row and 1-based position in ja/a; 0 where
-/// the rule concerns the whole matrix or ia alone) and the rule in words (fixed text, never
+/// the rule concerns the whole matrix or ia[0]) and the rule in words (fixed text, never
 /// null, never printed by the library).
 struct LSMsolver_csr_check {
     LSMsolver_csr_problem code = LSM_CSR_OK; ///< the first broken rule
-    int row = 0;                             ///< its 1-based row; 0: the whole matrix or ia
-    int position = 0;                        ///< its 1-based index into ja and a; 0: none
-    const char* message = "";                ///< the rule in words
+    int row = 0; ///< its 1-based row (for ia[row] < ia[row - 1] that row, for ia[n] n); 0: none
+    int position = 0;         ///< its 1-based index into ja and a; 0: none
+    const char* message = ""; ///< the rule in words
 };
 
 /// Validates the compressed rows (n, ia with n + 1 entries, ja and a with nnz entries) against
@@ -177,6 +222,40 @@ KELMATRIX_API LSMsolver_csr_check LSMsolver_prepare_csr(int n, const int* ia, co
                                                         LSMsolver_mattype mtype,
                                                         LSMsolver_csr& out);
 
+/// The same from nnz triplets (rows[k], cols[k], a[k]) with indices starting at base, in any
+/// order, repeats summed in their input order; stored says which part they hold, as above.
+/// Checked before anything is built: nnz >= 0 (else LSM_CSR_ORDER_BELOW_ONE), non-null arrays when
+/// nnz > 0, each row and column in range (LSM_CSR_ROW_OUT_OF_RANGE, LSM_CSR_COLUMN_OUT_OF_RANGE)
+/// and inside the stated triangle; a problem reports the triplet's 1-based position k + 1 and,
+/// for a column or triangle problem, its 1-based row. Then as above.
+KELMATRIX_API LSMsolver_csr_check LSMsolver_prepare_csr(int n, int nnz, const int* rows,
+                                                        const int* cols, const double* a, int base,
+                                                        LSMsolver_stored stored,
+                                                        LSMsolver_mattype mtype,
+                                                        LSMsolver_csr& out);
+
+/// y = A x for count vectors of n doubles each (one after another in x and y) and the compressed
+/// rows LSMsolver takes for mtype: for types 2 and -2 the upper triangle stands for the whole
+/// symmetric matrix, for types 1 and 11 the rows are the whole matrix. The arrays are first
+/// judged by LSMsolver_check_csr() (nnz = ia[n] - 1), so malformed input never reaches MKL's
+/// sparse BLAS, which computes the product (its rounding may differ with MKL's thread count).
+/// Returns that check's problem, or LSM_CSR_BAD_VECTORS (count < 0, x or y null with count > 0,
+/// x == y), or LSM_CSR_SPARSE_BLAS_FAILED; y is written only when the result is LSM_CSR_OK.
+KELMATRIX_API LSMsolver_csr_check LSMsolver_multiply(int n, const int* ia, const int* ja,
+                                                     const double* a, LSMsolver_mattype mtype,
+                                                     int count, const double* x, double* y);
+
+/// ratio = ||B - A X||_1 / (||A||_1 ||X||_1 n eps) for count solutions x of A x = b (n doubles
+/// each, one after another), with 1-norms of the n x count matrices (largest column sum) and
+/// A X by LSMsolver_multiply(): what to check after LSMsolver::solve(). A backward-stable
+/// solution gives a ratio of order 1 (tests accept up to 30 or so); 0 when b equals A x
+/// exactly, infinite when the denominator is 0 otherwise. Returns LSMsolver_multiply()'s
+/// result (b null counts as LSM_CSR_BAD_VECTORS); ratio is written only on LSM_CSR_OK.
+KELMATRIX_API LSMsolver_csr_check LSMsolver_residual_ratio(int n, const int* ia, const int* ja,
+                                                           const double* a, LSMsolver_mattype mtype,
+                                                           int count, const double* x,
+                                                           const double* b, double& ratio);
+
 /// Sparse direct solver over PARDISO for a matrix in 1-based compressed-row form borrowed from
 /// the caller: factor once, solve any number of times in batches of nrhs, clear. Calls out of
 /// order return false (see the file comment for the caller's duties).
@@ -192,11 +271,22 @@ public:
     /// The same for the given type.
     LSMsolver(int n, int* ia, int* ja, double* a, int nrhs, int maxRefinementSteps,
               LSMsolver_mattype mtype);
-    /// clear(): releases PARDISO's memory if a factorization is held, shared copies included.
+    /// clear(): releases PARDISO's memory if a factorization is held and no copy released it.
     ~LSMsolver();
 
+    /// Deliberate: copies every field, PARDISO's handle included, as operator= does.
+    LSMsolver(const LSMsolver& src);
+    /// Takes src's factorization, handle and arrays; src is left as default-constructed (state
+    /// -1, handle zeroed), so destroying it releases nothing. What std::vector's growth and
+    /// return by value use.
+    LSMsolver(LSMsolver&& src) noexcept;
     /// Deliberate: copies every field, PARDISO's handle included, so both objects share one
-    /// factorization and clearing either releases it for both.
+    /// factorization and the record of whether its memory is held: after either is cleared or
+    /// destroyed, solve() and refactor() on the other return false (LSM_REFUSAL_RELEASED_BY_COPY)
+    /// without touching the released memory, and its clear() releases nothing again. A
+    /// factorization held here before is not released. Assignment from a temporary copies too
+    /// (there is no move assignment): `t = s; s = LSMsolver();` detaches s, leaving t the owner.
+    /// So in a container, growth moves elements while erase, insert and sort assign them.
     LSMsolver& operator=(const LSMsolver& src);
 
     /// (Re)configures: borrows the arrays, sets the control parameters, decides the thread count
@@ -215,7 +305,9 @@ public:
     /// then hold the batches that succeeded).
     bool solve(KelMatrix& B, KelMatrix& X);
     /// Solves count right-hand sides of length n stored one after another in b into x (n*count
-    /// doubles each; nothing is checked). b is not modified. False before factor() or on a
+    /// doubles each; the normal build checks nothing). b is not modified. x must not be b: PARDISO
+    /// reads b while it writes x, and solving in place gives wrong solutions for n > 1 (the
+    /// checked build reports it). False before factor() or on a
     /// PARDISO error (x may then hold the batches that succeeded).
     /// Batching is PARDISO's matter: its first solve with nrhs > 1 after a factorization pays
     /// a one-off set-up, small batches (8) are no faster than single calls on one thread, large
@@ -231,15 +323,19 @@ public:
     /// other state.
     bool refactor();
     /// Applies the opt-in settings for the next factor(); init() resets them to the defaults.
-    /// False, changing nothing, when a factorization is held (clear() and init() first) or a
-    /// field is out of range (an ordering not in LSMsolver_ordering, pivotPerturbation outside
-    /// 1..20).
+    /// False, changing nothing, before init() has run on this object (or a copy's source), when a
+    /// factorization is held (clear() and init() first) or a field is out of range (an ordering
+    /// not in LSMsolver_ordering, pivotPerturbation outside 1..20).
     bool set_settings(const LSMsolver_settings& settings);
+    /// Where the cycle stands (the designed state numbers; see LSMsolver_state).
+    LSMsolver_state state() const;
     /// The settings now in force (after init(), before any set_settings(): the defaults).
     LSMsolver_settings settings() const;
     /// What PARDISO reported: the error and phase of the last call that reached it, and the
-    /// statistics of the last analysis, factorization and solve. Readable in every state; the
-    /// statistics persist until init() resets them.
+    /// statistics of the last analysis, factorization and solve; why the last call was refused,
+    /// if it was (every call but clear() may refuse, and each one that is not clears the
+    /// record); the count of non-finite solution entries, which leaves solve()'s result as it is.
+    /// Readable in every state; the statistics persist until init() resets them.
     LSMsolver_diagnostics diagnostics() const;
 
     /// Releases PARDISO's memory if a factorization is held; always true. Afterwards init() may
@@ -256,7 +352,7 @@ public:
     static int mNumThreadsDefault;
 
 private:
-    KELMATRIX_LOCAL int call_pardiso(int phase, int count, double* b, double* x);
+    friend class kelmatrix::internal::SolverEngine;
 
     int n;
     int nrhs;
@@ -264,11 +360,15 @@ private:
     int* ja;   // borrowed from the caller
     double* a; // borrowed from the caller
     LSMsolver_mattype mtype;
-    int state;
+    LSMsolver_state cycle; // the designed state
     int iparm[64];
     void* pt[64];
-    int last_error; // PARDISO's error of the last call that reached it
-    int last_phase; // and that call's phase
+    int last_error;                            // PARDISO's error of the last call that reached it
+    int last_phase;                            // and that call's phase
+    kelmatrix::internal::SolverMemory* memory; // shared by copies: is the memory still held?
+    bool initialised;                          // init() has run on this object
+    LSMsolver_refusal refusal;                 // why the last call was refused
+    long long non_finite;                      // non-finite entries in the last solutions
 };
 
 #endif

@@ -30,18 +30,21 @@
 //    input_problem() names the rank, the row and the rule. A passed check costs one pass over
 //    each rank's rows;
 //  - no copies: copy construction and assignment are deleted (a factorization belongs to the
-//    ranks of one communicator);
+//    ranks of one communicator); a solver moves (std::vector growth, return by value);
+//  - a refused call records why (diagnostics().refusal), the same reason on every rank;
 //  - the engine has no minimum-degree ordering: set_settings() refuses
 //    LSM_ORDERING_MINIMUM_DEGREE;
 //  - diagnostics(): the memory figures are this rank's own (the point of distributing), but on a
 //    single rank the engine leaves them unreliable (read from unset memory); the error is the
 //    agreed one; the pivot and refinement counts are the engine's, alike on all ranks;
-//  - a true result means the engine reported no error. With more than one rank, a type-2 matrix
-//    that is not positive definite can factor without an error and give non-finite solutions
-//    (LSMsolver reports -4 there): check the residual, or use type -2 when definiteness is not
-//    known.
+//  - a true result from solve() means the engine reported no error and every solution entry on
+//    every rank is finite (one reduction after the solve checks it). With more than one rank, a
+//    type-2 matrix that is not positive definite can factor without an error and give non-finite
+//    solutions (LSMsolver reports -4 there): solve() then returns false on every rank with
+//    LSM_REFUSAL_NOT_FINITE, x holding what the engine wrote, and the state as it was. Use type
+//    -2 when definiteness is not known.
 //
-// The caller's duties, which nothing checks: the communicator and the borrowed arrays stay valid
+// The caller's duties, which no build checks: the communicator and the borrowed arrays stay valid
 // and unchanged from factor() until clear() (the engine reads them again); every rank passes the
 // same n, nrhs, maxRefinementSteps, type and settings (init() and set_settings() refuse on every
 // rank when they differ) and the same count to solve(); the solver is cleared or destroyed before
@@ -78,6 +81,10 @@ public:
     ~LSMclusterSolver();
     LSMclusterSolver(const LSMclusterSolver&) = delete;
     LSMclusterSolver& operator=(const LSMclusterSolver&) = delete;
+    /// Takes src's factorization, handle, communicator and arrays; src is left as
+    /// default-constructed (state -1), so destroying it communicates with nobody. Not
+    /// collective: each rank moves its own solver.
+    LSMclusterSolver(LSMclusterSolver&& src) noexcept;
 
     /// (Re)configures for this rank's rows firstRow..lastRow of the n x n matrix (see the file
     /// comment for the arrays): borrows the arrays and the communicator, sets the fixed control
@@ -111,8 +118,8 @@ public:
     /// rows of each (lastRow - firstRow + 1 doubles), or with init_on_root() n doubles each on
     /// rank 0 and nothing elsewhere (b and x may be null there). b is not modified. count must be
     /// the same on every rank. False on every rank before factor(), on differing counts or a
-    /// negative one (x untouched) or on an engine error (x may then hold the batches that
-    /// succeeded).
+    /// negative one (x untouched), on an engine error (x may then hold the batches that
+    /// succeeded) or when any rank's solutions hold a NaN or an infinity (x as written).
     bool solve(int count, double* b, double* x);
     /// The same with B and X holding this rank's rows (all n on rank 0 with init_on_root(), any
     /// row count elsewhere) by count = B's columns, column-major; X is not re-dimensioned. False
@@ -120,15 +127,20 @@ public:
     /// untouched), or as above.
     bool solve(KelMatrix& B, KelMatrix& X);
     /// Applies the opt-in settings for the next factor(); init() resets them to the defaults.
-    /// False on every rank, changing nothing, when a factorization is held, a field is out of
-    /// range (as for LSMsolver, and LSM_ORDERING_MINIMUM_DEGREE, which the engine lacks) or the
-    /// ranks pass different settings.
+    /// False on every rank, changing nothing, before init() has run on this object, when a
+    /// factorization is held, a field is out of range (as for LSMsolver, and
+    /// LSM_ORDERING_MINIMUM_DEGREE, which the engine lacks) or the ranks pass different
+    /// settings.
     bool set_settings(const LSMsolver_settings& settings);
+    /// Where this rank's cycle stands (the same on every rank after each collective call).
+    LSMsolver_state state() const;
     /// The settings now in force (after init(), before any set_settings(): the defaults).
     LSMsolver_settings settings() const;
     /// The agreed error and phase of the last call that reached the engine (or was refused by
     /// the input check: error -1), and the statistics of the last analysis, factorization and
-    /// solve; the memory figures are this rank's. Readable in every state; not collective.
+    /// solve; the memory figures are this rank's. The refusal of the last call is the same on
+    /// every rank (MPI_COMM_NULL and the calls of a default-constructed solver refuse alone);
+    /// nonFiniteSolutions counts over all ranks. Readable in every state; not collective.
     LSMsolver_diagnostics diagnostics() const;
     /// What the last input check found (rank -1 and LSM_CSR_OK when it passed or none ran since
     /// init()); the same on every rank. Not collective.
@@ -148,10 +160,10 @@ private:
     KELMATRIX_LOCAL bool configure(MPI_Comm comm, int n, int firstRow, int lastRow, int* ia,
                                    int* ja, double* a, int nrhs, int maxRefinementSteps,
                                    LSMsolver_mattype mtype, bool on_root);
-    KELMATRIX_LOCAL bool all_ranks(bool local) const;
+    KELMATRIX_LOCAL LSMsolver_refusal agree(LSMsolver_refusal local) const;
     KELMATRIX_LOCAL bool solve_agreed(bool local_ok, int count, double* b, double* x);
-    KELMATRIX_LOCAL int check_input(int phase);
-    KELMATRIX_LOCAL int call_engine(int phase, int count, double* b, double* x);
+    KELMATRIX_LOCAL int check_input();
+    friend class kelmatrix::internal::SolverEngine;
 
     MPI_Comm comm;
     int n;
@@ -162,12 +174,32 @@ private:
     double* a; // borrowed from the caller
     LSMsolver_mattype mtype;
     bool on_root; // matrix and vectors whole on rank 0
-    int state;
+    LSMsolver_state cycle;
     int iparm[64];
     void* pt[64];
     int last_error; // agreed error of the last call that reached the engine
     int last_phase; // and that call's phase
     LSMclusterSolver_input_problem problem;
+    kelmatrix::internal::SolverMemory* memory; // is the engine's memory held? (never shared)
+    bool initialised;                          // init() has run on this object
+    LSMsolver_refusal refusal; // why the last call was refused, agreed among the ranks
+    long long non_finite;      // non-finite entries in the last solutions, over all ranks
 };
+
+/// The block of rows rank `rank` of `ranks` takes when n rows are split evenly in rank order, as
+/// init() takes blocks: firstRow..lastRow, 1-based, the first n % ranks ranks one row more than
+/// the others. False, writing nothing, when ranks < 1, rank is outside 0..ranks-1 or n < ranks
+/// (a rank would hold no row, which init() refuses). Not collective; no MPI call.
+KELMATRIX_MPI_API bool LSMclusterSolver_split_rows(int n, int ranks, int rank, int& firstRow,
+                                                   int& lastRow);
+
+/// Collective: gathers count distributed vectors, on each rank its rows firstRow..lastRow of
+/// each one after another (as LSMclusterSolver::solve() writes x), into whole on rank 0 (n
+/// doubles a vector, one after another); whole is not touched elsewhere and may be null there.
+/// False on every rank, whole untouched, when comm is MPI_COMM_NULL (on that rank alone), the
+/// blocks do not cover 1..n in rank order with one row each at least, the ranks pass different
+/// n or count, count < 0, or part (count > 0) or rank 0's whole is null.
+KELMATRIX_MPI_API bool LSMclusterSolver_gather(MPI_Comm comm, int n, int firstRow, int lastRow,
+                                               int count, const double* part, double* whole);
 
 #endif

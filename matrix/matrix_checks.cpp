@@ -10,13 +10,18 @@
 
 #    include <climits>
 
-#    include "checks/checks.h"
+#    include "matrix/matrix_checks.h"
 #    include "matrix/storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
 
 namespace kelmatrix {
 namespace checks {
+
+bool share_storage(const KelGenericMatrix& a, const KelGenericMatrix& b)
+{
+    return &a == &b || (a.GetElements() != nullptr && a.GetElements() == b.GetElements());
+}
 
 void misalignment(int bytes)
 {

@@ -12,7 +12,8 @@
 #    include <algorithm>
 #    include <cstring>
 
-#    include "checks/checks.h"
+#    include "dense/dense_checks.h"
+#    include "matrix/matrix_checks.h"
 
 namespace kelmatrix {
 namespace checks {

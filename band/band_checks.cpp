@@ -2,16 +2,19 @@
 // The checks of the band, cyclic and Kronecker Cholesky routines and the cyclic solve driver.
 //
 // These routines reach their matrices through the element accessor, within the band width
-// they resolve: on a KelMatrixBanded that width must lie inside the stored upper band (ku), or
-// the accessor leaves the band's storage. The order is A.rows; A must have that many columns and
-// right-hand sides that many rows. Shared storage is not reported here: these routines read and
-// write in one fixed order on every route, so a right-hand side that overlaps the factor gives
-// the same (defined) bits in every build.
+// they resolve (by their own rules: resolve_band_width, kronecker_widths): on a KelMatrixBanded
+// that width must lie inside the stored upper band (ku), or the accessor leaves the band's storage.
+// The order is A.rows; A must have that many columns and right-hand sides that many rows. Shared
+// storage is not reported here: these routines read and write in one fixed order on every route, so
+// a right-hand side that overlaps the factor gives the same (defined) bits in every build.
 #if defined(KELMATRIX_CHECKED)
 
 #    include <algorithm>
 
-#    include "checks/checks.h"
+#    include "band/band_checks.h"
+#    include "band/band_substitution.h"
+#    include "band/kronecker_widths.h"
+#    include "kelmatrix/band.h"
 #    include "matrix/storage_access.h"
 
 using kelmatrix::internal::StorageAccess;
@@ -21,14 +24,10 @@ namespace checks {
 
 namespace {
 
-// The width a native routine reaches after resolving bandWidth (< 1: the matrix's upper band
-// width, and if that is < 1 too, its order), capped by the order.
-int reached_width(const KelGenericMatrix& A, int bandWidth)
+// The width a routine reaches with the resolved width bw: the loops stop at the last row.
+int reached(int bw, int order)
 {
-    int bw = bandWidth < 1 ? A.GetUpperBandWidth() : bandWidth;
-    if (bw < 1)
-        bw = A.GetRowDim();
-    return std::min(bw, std::max(A.GetRowDim() - 1, 0));
+    return std::min(bw, std::max(order - 1, 0));
 }
 
 void order(const char* function, const char* name, const KelGenericMatrix& A)
@@ -63,7 +62,8 @@ void band_cholesky(const char* function, const KelGenericMatrix& A, int bandWidt
                    const KelGenericMatrix* B)
 {
     order(function, "A.cols >= A.rows", A);
-    width_in_band(function, "band width <= the stored upper band", A, reached_width(A, bandWidth),
+    const int bw = internal::resolve_band_width(A, bandWidth);
+    width_in_band(function, "band width <= the stored upper band", A, reached(bw, A.GetRowDim()),
                   bandWidth);
     if (B)
         right_hand_sides(function, A, *B);
@@ -80,6 +80,11 @@ void cyclic_cholesky(const char* function, const KelGenericMatrix& A, int bandWi
     const int reached = m > 0 ? std::max(n - 1, 0) : std::clamp(bandWidth, 0, std::max(n - 1, 0));
     width_in_band(function, "band and border widths <= the stored upper band", A, reached,
                   bandWidth);
+    // A bordered matrix stores its border once: another m reads band storage as border.
+    if (const auto* bordered = dynamic_cast<const KelMatrixBordered*>(&A))
+        require(m == bordered->GetBorderSize(), function,
+                "m == A's border size (KelMatrixBordered)", "m = %d, border size = %d", m,
+                bordered->GetBorderSize());
     if (B)
         right_hand_sides(function, A, *B);
 }
@@ -120,12 +125,9 @@ void kronecker_substitution(const char* function, bool upper, int w1, int w2,
     require(static_cast<long long>(X.GetRowDim()) == static_cast<long long>(p) * q, function,
             "X.rows == U1.rows * U2.rows", "X.rows = %d, U1.rows = %d, U2.rows = %d", X.GetRowDim(),
             p, q);
-    // Deliberate in the routines: the upper substitution resolves w2 <= 0 to U1's order.
-    const int r1 = w1 <= 0 ? p : w1, r2 = w2 <= 0 ? (upper ? p : q) : w2;
-    width_in_band(function, "w1 <= the stored upper band of U1", U1,
-                  std::min(r1, std::max(p - 1, 0)), w1);
-    width_in_band(function, "w2 <= the stored upper band of U2", U2,
-                  std::min(r2, std::max(q - 1, 0)), w2);
+    const internal::KroneckerWidths w = internal::kronecker_widths(upper, w1, w2, p, q);
+    width_in_band(function, "w1 <= the stored upper band of U1", U1, reached(w.w1, p), w1);
+    width_in_band(function, "w2 <= the stored upper band of U2", U2, reached(w.w2, q), w2);
 }
 
 } // namespace checks

@@ -8,7 +8,9 @@
 // solver's order as their row count and must not share storage.
 #if defined(KELMATRIX_CHECKED)
 
-#    include "checks/checks.h"
+#    include "sparse/sparse_checks.h"
+#    include "kelmatrix/sparse.h"
+#    include "matrix/matrix_checks.h"
 
 namespace kelmatrix {
 namespace checks {

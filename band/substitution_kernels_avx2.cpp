@@ -1,6 +1,0 @@
-// KELMATRIX band substitution kernels: the AVX2 copy (no fused multiply-add: "fma" is not
-// enabled, and contraction is off for the whole library anyway).
-#define KEL_ISA_NS avx2
-#define KEL_ISA_TARGET __attribute__((target("avx2")))
-#define KEL_ISA_WIDTH 4
-#include "band/substitution_body.h"

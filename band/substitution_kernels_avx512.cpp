@@ -1,7 +1,0 @@
-// KELMATRIX band substitution kernels: the AVX-512 copy (no fused multiply-add: contraction is
-// off for the whole library, and the vector extension's s - x * f is a multiply, then a
-// subtraction).
-#define KEL_ISA_NS avx512
-#define KEL_ISA_TARGET __attribute__((target("avx512f")))
-#define KEL_ISA_WIDTH 8
-#include "band/substitution_body.h"
