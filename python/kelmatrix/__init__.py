@@ -33,16 +33,16 @@ from ._build_config import MKL_GLOBAL as _MKL_GLOBAL
 for _layer in _MKL_GLOBAL:
     _ctypes.CDLL(_layer, mode=_ctypes.RTLD_GLOBAL | _os.RTLD_NOLOAD)
 from ._core import (  # noqa: E402
-    BorderedMatrix, band_cholesky, band_cholesky_solve, cho_inverse, cho_solve, cho_solve_banded,
+    BorderedMatrix, band_cholesky, band_cholesky_solve, band_matmul, band_residual_ratio, cho_inverse, cho_solve, cho_solve_banded,
     cholesky, cholesky_banded, cyclic_cholesky, cyclic_cholesky_solve, eigh, establish_numthreads,
     kron_cholesky_solve, kron_lower_substitute, kron_upper_substitute, lstsq, lstsq_min_norm,
-    matmul, solve, solve_banded, solve_bordered, solve_kronecker, solve_spd,
+    matmul, residual_ratio, solve, solve_banded, solve_bordered, solve_kronecker, solve_spd,
     solve_triangular_banded, solveh_banded)
 from ._errors import (  # noqa: E402
     BorderedSizeError, CallOrderError, CsrError, FactorizationError, KelmatrixError,
     SparseSolverError)
 from ._sparse import (  # noqa: E402
-    CsrCheck, Diagnostics, Settings, SparseSolver, check_csr, prepare_csr)
+    CsrCheck, Diagnostics, Settings, SparseSolver, check_csr, prepare_coo, prepare_csr)
 
 if HAVE_MPI:
     from ._cluster import ClusterSolver

@@ -49,4 +49,10 @@ class BorderedSizeError(KelmatrixError, ValueError):
 
 
 class CallOrderError(KelmatrixError, RuntimeError):
-    """A solver call came in the wrong order (solve before factor, factor twice, ...)."""
+    """A solver call came in the wrong order (solve before factor, factor twice, ...): the
+    library refused it, changing nothing. ``refusal`` is its LSMsolver_refusal code (0 where the
+    package refused first) and the message its words."""
+
+    def __init__(self, message, refusal=0):
+        super().__init__(message)
+        self.refusal = refusal

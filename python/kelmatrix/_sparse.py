@@ -85,6 +85,9 @@ class Diagnostics:
     peak_analysis_memory_kb: int
     peak_factor_memory_kb: int
     factor_nonzeros: int
+    refusal: int
+    refusal_message: str
+    non_finite_solutions: int
 
 
 def check_csr(indptr, indices, data, mtype="spd"):
@@ -107,6 +110,17 @@ def prepare_csr(indptr, indices, data, mtype="spd", *, base=0, stored="full"):
     return pia, pja, pa, CsrCheck(*chk)
 
 
+def prepare_coo(row, col, data, n, mtype="spd", *, base=0, stored="full"):
+    """prepare_csr from triplets (row[k], col[k], data[k]) in any order, repeats summed:
+    the library's LSMsolver_prepare_csr for triplets. n is the order."""
+    if stored not in STORED:
+        raise ValueError(f"stored: expected 'full', 'upper' or 'lower', got {stored!r}")
+    chk, pia, pja, pa = _core._prepare_coo(int(n), index_array(row, "row"),
+                                           index_array(col, "col"), data, base, STORED[stored],
+                                           mtype_code(mtype))
+    return pia, pja, pa, CsrCheck(*chk)
+
+
 def _from_sparse(a, mtype, stored):
     if not sp.issparse(a):
         raise ValueError("a: expected a scipy.sparse matrix or array (csr, csc or coo)")
@@ -114,6 +128,8 @@ def _from_sparse(a, mtype, stored):
         raise ValueError(f"a: expected a non-empty square matrix, got shape {a.shape}")
     if np.iscomplexobj(a.data) or a.dtype.kind not in "biuf":
         raise ValueError(f"a: expected real values, got dtype {a.dtype}")
+    if a.format == "coo":  # triplets go to the library as they are
+        return prepare_coo(a.row, a.col, a.data, a.shape[0], mtype, stored=stored)
     csr = a.tocsr()
     return prepare_csr(csr.indptr, csr.indices, csr.data, mtype, base=0, stored=stored)
 

@@ -172,6 +172,69 @@ py::object band_cholesky_solve(const ArrayLike& ub, const ArrayLike& b, bool ove
     return solution(std::move(B), B_, overwrite_b);
 }
 
+// ---- products and residual ratios over the band ----
+
+// The band operand of a product: symmetric upper form (bw + 1, n), flagged symmetric so the
+// accessor mirrors, or a general band in SciPy's solve_banded layout for l_and_u.
+std::unique_ptr<KelMatrixBanded> product_band(const Array& ab, const py::object& l_and_u)
+{
+    if (l_and_u.is_none()) {
+        band_width(ab, "ab");
+        auto A = in_place_ok(ab) ? band_view(ab) : band_copy(ab, false, 0);
+        A->SetSymmetric(true);
+        return A;
+    }
+    auto lu = l_and_u.cast<std::pair<int, int>>();
+    const int kl = lu.first, ku = lu.second;
+    if (kl < 0 || ku < 0)
+        value_error("l_and_u", "band widths must be >= 0");
+    require_shape(ab.shape(0) == kl + ku + 1 && ab.shape(1) >= 1, "ab",
+                  "(l + u + 1, n) rows as l_and_u says", ab);
+    const int n = dim(ab, 1);
+    auto A = std::make_unique<KelMatrixBanded>();
+    A->Dimension(n, n, kl, ku);
+    A->SetZero();
+    copy_in(ab, A->GetElements() + kl, 2 * kl + ku + 1);
+    return A;
+}
+
+py::object band_matmul(const ArrayLike& ab, const ArrayLike& x, py::object l_and_u)
+{
+    Array AB = input_array(ab, "ab", 2, 2), X_ = input_array(x, "x", 1, 2);
+    auto A = product_band(AB, l_and_u);
+    require_rows(X_, A->GetColDim(), "x", "ab");
+    auto X = dense_view_or_copy(X_);
+    auto Y = std::make_unique<KelMatrix>();
+    int status;
+    {
+        py::gil_scoped_release nogil;
+        status = multiplyBanded(*A, *X, *Y);
+    }
+    if (status != KEL_PRODUCT_OK)
+        throw py::value_error(std::string("ab: ") + KelProduct_message(status));
+    return adopt_dense(std::move(Y), X_.ndim() == 1);
+}
+
+py::float_ band_residual_ratio(const ArrayLike& ab, const ArrayLike& x, const ArrayLike& b,
+                               py::object l_and_u)
+{
+    Array AB = input_array(ab, "ab", 2, 2), X_ = input_array(x, "x", 1, 2),
+          B_ = input_array(b, "b", 1, 2);
+    auto A = product_band(AB, l_and_u);
+    require_rows(X_, A->GetColDim(), "x", "ab");
+    require_shape(B_.shape(0) == X_.shape(0) && dim(B_, 1) == dim(X_, 1), "b", "x's shape", B_);
+    auto X = dense_view_or_copy(X_), B = dense_view_or_copy(B_);
+    double ratio = 0.0;
+    int status;
+    {
+        py::gil_scoped_release nogil;
+        status = residualRatio(*A, *X, *B, ratio);
+    }
+    if (status != KEL_PRODUCT_OK)
+        throw py::value_error(std::string("ab: ") + KelProduct_message(status));
+    return py::float_(ratio);
+}
+
 // ---- the bordered matrix ----
 
 struct Bordered {
@@ -242,6 +305,32 @@ py::object bordered_solve(Bordered& B, const ArrayLike& b, bool overwrite_b, py:
         cyclic_Cholesky_subst(B.A, w, m, *X);
     }
     return solution(std::move(X), B_, overwrite_b);
+}
+
+py::object bordered_product(const Bordered& B, const ArrayLike& x, const ArrayLike* b)
+{
+    Array X_ = input_array(x, "x", 1, 2);
+    require_rows(X_, B.A.GetRowDim(), "x", "the matrix");
+    auto X = dense_view_or_copy(X_);
+    auto Y = std::make_unique<KelMatrix>();
+    Array B_;
+    std::unique_ptr<KelMatrix> Bm;
+    if (b) {
+        B_ = input_array(*b, "b", 1, 2);
+        require_shape(B_.shape(0) == X_.shape(0) && dim(B_, 1) == dim(X_, 1), "b", "x's shape", B_);
+        Bm = dense_view_or_copy(B_);
+    }
+    double ratio = 0.0;
+    int status;
+    {
+        py::gil_scoped_release nogil;
+        status = b ? residualRatio(B.A, *X, *Bm, ratio) : multiplyBordered(B.A, *X, *Y);
+    }
+    if (status != KEL_PRODUCT_OK)
+        throw py::value_error(std::string("self: ") + KelProduct_message(status));
+    if (b)
+        return py::float_(ratio);
+    return adopt_dense(std::move(Y), X_.ndim() == 1);
 }
 
 py::array bordered_to_dense(const Bordered& B)
@@ -485,7 +574,31 @@ solve() then solves with the factor.)doc")
         .def("solve", &bordered_solve, "b"_a, py::kw_only(), "overwrite_b"_a = false,
              "bandwidth"_a = py::none(),
              "Solves a x = b with the factor left by factor(); the matrix is not changed.")
-        .def("to_dense", &bordered_to_dense, "The whole symmetric matrix as an (n, n) array.");
+        .def("to_dense", &bordered_to_dense, "The whole symmetric matrix as an (n, n) array.")
+        .def(
+            "matmul",
+            [](const Bordered& B, const ArrayLike& x) { return bordered_product(B, x, nullptr); },
+            "x"_a,
+            "A @ x for the whole symmetric matrix (multiplyBordered); before factor(), or on a\n"
+            "copy() kept from before it.")
+        .def(
+            "residual_ratio",
+            [](const Bordered& B, const ArrayLike& x, const ArrayLike& b) {
+                return bordered_product(B, x, &b);
+            },
+            "x"_a, "b"_a,
+            "||b - A x||_1 / (||A||_1 ||x||_1 n eps) (residualRatio): of order 1 for a\n"
+            "backward-stable solve. A is what the views hold now, so keep a copy() to check a\n"
+            "solve made with the factor.")
+        .def(
+            "copy",
+            [](const Bordered& B) {
+                auto C = std::make_unique<Bordered>();
+                C->A = B.A; // the library's deep copy
+                C->factored = B.factored;
+                return C;
+            },
+            "A deep copy in storage of its own (views of it are new arrays).");
 
     m.def("cyclic_cholesky", &cyclic_cholesky, "a"_a, "bandwidth"_a, "m"_a, "tol"_a, py::kw_only(),
           "overwrite_a"_a = false,
@@ -502,6 +615,14 @@ solve() then solves with the factor.)doc")
           "(bandwidth is the total width, as the library takes it), border n - nb >= 1. A\n"
           "negative definite Schur complement is negated first, so saddle points (corner 0)\n"
           "are solved. a and b are not changed.");
+    m.def("band_matmul", &band_matmul, "ab"_a, "x"_a, py::kw_only(), "l_and_u"_a = py::none(),
+          "a @ x over a band matrix (multiplyBanded, sums in a fixed order): the symmetric a\n"
+          "whose upper form is ab ((bw + 1, n), SciPy's solveh_banded layout), or with\n"
+          "l_and_u=(l, u) the general band a in solve_banded's layout.");
+    m.def("band_residual_ratio", &band_residual_ratio, "ab"_a, "x"_a, "b"_a, py::kw_only(),
+          "l_and_u"_a = py::none(),
+          "||b - a x||_1 / (||a||_1 ||x||_1 n eps) over a band matrix given as for band_matmul:\n"
+          "of order 1 for a backward-stable solve.");
     m.def("solve_kronecker", &solve_kronecker, "a"_a, "b"_a, "x"_a, py::kw_only(),
           "overwrite_x"_a = false,
           "Solves (a kron b) y = x without forming the product (two LAPACK band solves).\n\n"

@@ -375,6 +375,26 @@ py::object matmul(const ArrayLike& a, const ArrayLike& b, bool trans_a, bool tra
     return adopt_dense(std::move(C));
 }
 
+py::float_ residual_ratio(const ArrayLike& a, const ArrayLike& x, const ArrayLike& b)
+{
+    Array A_ = input_array(a, "a", 2, 2), X_ = input_array(x, "x", 1, 2),
+          B_ = input_array(b, "b", 1, 2);
+    require_shape(A_.shape(0) >= 1 && A_.shape(1) >= 1, "a", "a non-empty matrix", A_);
+    require_rows(X_, dim(A_, 1), "x", "a's columns");
+    require_shape(B_.shape(0) == A_.shape(0) && dim(B_, 1) == dim(X_, 1), "b",
+                  "a's rows and x's columns", B_);
+    auto A = dense_view_or_copy(A_), X = dense_view_or_copy(X_), B = dense_view_or_copy(B_);
+    double ratio = 0.0;
+    int status;
+    {
+        py::gil_scoped_release nogil;
+        status = residualRatio(*A, *X, *B, ratio);
+    }
+    if (status != KEL_PRODUCT_OK)
+        throw py::value_error(std::string("a: ") + KelProduct_message(status));
+    return py::float_(ratio);
+}
+
 } // namespace
 
 void bind_dense(py::module_& m)
@@ -436,6 +456,9 @@ void bind_dense(py::module_& m)
           "Eigenvalues (ascending) and unit eigenvectors (columns) of a symmetric a from its\n"
           "upper triangle: driver='syev' (LAPACK dsyev) or 'spev' (dspev on the packed upper\n"
           "triangle). Returns w, or (w, v) unless eigvals_only.");
+    m.def("residual_ratio", &residual_ratio, "a"_a, "x"_a, "b"_a,
+          "||b - a x||_1 / (||a||_1 ||x||_1 n eps), sums in a fixed order (residualRatio): of\n"
+          "order 1 for a backward-stable solve of a x = b (the library's tests accept ~30).");
     m.def("matmul", &matmul, "a"_a, "b"_a, py::kw_only(), "trans_a"_a = false, "trans_b"_a = false,
           "alpha"_a = 1.0, "alpha * op(a) @ op(b) by BLAS dgemm (op = transpose when asked).");
 }

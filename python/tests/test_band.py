@@ -170,3 +170,29 @@ def test_tensor_lsq_fit_matches_make_lsq_spline_and_rectbivariatespline(rng):
     ours = BSpline.design_matrix(xe, tx, k).toarray() @ c @ BSpline.design_matrix(ye, ty, k).T
     cond = np.linalg.cond(bx.T @ bx) * np.linalg.cond(by.T @ by)
     assert np.max(np.abs(ours - spl(xe, ye))) < 100 * EPS * cond * np.abs(zs).max()
+
+
+def test_products_and_residual_ratios_match_dense(rng):
+    n, bw = 40, 3
+    a, ab = spd_band(rng, n, bw)
+    x = rng.standard_normal((n, 2))
+    assert np.allclose(km.band_matmul(ab, x), a @ x, rtol=0, atol=50 * EPS * np.abs(a).sum())
+    general = np.triu(np.tril(rng.standard_normal((n, n)), 1), -2)
+    gb = np.zeros((4, n))
+    for k in range(-2, 2):
+        gb[1 - k, max(k, 0):n + min(k, 0)] = np.diag(general, k)
+    assert np.allclose(km.band_matmul(gb, x[:, 0], l_and_u=(2, 1)), general @ x[:, 0], rtol=0,
+                       atol=50 * EPS * np.abs(general).sum())
+    b = a @ x
+    u, _ = km.band_cholesky(ab, 1e-12)
+    sol = km.band_cholesky_solve(u, b)
+    assert km.band_residual_ratio(ab, sol, b) < 30 and km.residual_ratio(a, sol, b) < 30
+    assert km.residual_ratio(a, x, a @ x + 1e-6) > 1e3          # a wrong answer shows
+    assert km.residual_ratio(a, x, np.asarray(b, order="F")) == km.residual_ratio(a, x, b)
+    bm = km.BorderedMatrix.from_dense(a, bw, 2)
+    keep = bm.copy()
+    assert np.allclose(bm.matmul(x), a @ x, rtol=0, atol=50 * EPS * np.abs(a).sum())
+    bm.factor(1e-12)
+    assert not keep.factored and keep.residual_ratio(bm.solve(b), b) < 30
+    with pytest.raises(ValueError, match="^x: expected 40 rows"):
+        km.band_matmul(ab, x[:-1])

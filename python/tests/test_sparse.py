@@ -79,9 +79,12 @@ def test_every_scipy_format_and_refactor(fmt, rng):
     n = a.shape[0]
     b = rng.standard_normal((n, 3))
     s = km.SparseSolver(a, settings=km.Settings(factor_statistics=True))
-    assert s.settings.factor_statistics and s.state == "initialized"
+    assert s.settings.factor_statistics and s.state == "ready"
     s.factor()
     x = s.solve(b)
+    assert s.state == "solved" and s.diagnostics().non_finite_solutions == 0
+    assert s.residual_ratio(x, b) < 30
+    assert np.allclose(s.matmul(x), a @ x, rtol=0, atol=1e3 * EPS * np.abs(b).max())
     assert x.shape == (n, 3) and s.diagnostics().factor_nonzeros > 0
     assert np.linalg.norm(a @ x - b) < 1e3 * EPS * np.linalg.norm(b)
     # New values on the same pattern: in the solver's order, or as a matrix.
