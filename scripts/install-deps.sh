@@ -2,8 +2,9 @@
 # Installs what KELMATRIX needs on Debian bookworm, non-interactively and idempotently:
 # Intel MKL (from the non-free component, enabled here when absent), the compiler and build
 # tools, GoogleTest, Google Benchmark, Doxygen and clang-format; for the distributed solver Open
-# MPI with MKL's BLACS layer for it; and LLVM's OpenMP runtime (libomp.so.5), which the load-time
-# environment test loads beside MKL's. Run as root, or with sudo available.
+# MPI with MKL's BLACS layer for it; LLVM's OpenMP runtime (libomp.so.5), which the load-time
+# environment test loads beside MKL's; and for the Python package Debian's Python 3 with venv,
+# headers, pybind11, NumPy, SciPy, matplotlib, pytest and mpi4py. Run as root, or with sudo.
 set -euo pipefail
 
 SUDO=""
@@ -12,7 +13,9 @@ export DEBIAN_FRONTEND=noninteractive
 
 packages=(libmkl-dev cmake g++ make pkg-config googletest libgtest-dev libbenchmark-dev doxygen
           openmpi-bin libopenmpi-dev libmkl-blacs-openmpi-lp64
-          clang-format libomp5-14)
+          clang-format libomp5-14
+          python3-venv python3-dev pybind11-dev python3-pybind11 python3-numpy python3-scipy
+          python3-matplotlib python3-pytest python3-mpi4py)
 for extra in "$@"; do packages+=("$extra"); done
 
 missing=()

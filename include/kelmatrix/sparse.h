@@ -287,6 +287,8 @@ public:
     /// factorization held here before is not released. Assignment from a temporary copies too
     /// (there is no move assignment): `t = s; s = LSMsolver();` detaches s, leaving t the owner.
     /// So in a container, growth moves elements while erase, insert and sort assign them.
+    /// Copies share the record without locking: use them from one thread at a time, as one
+    /// factorization.
     LSMsolver& operator=(const LSMsolver& src);
 
     /// (Re)configures: borrows the arrays, sets the control parameters, decides the thread count
