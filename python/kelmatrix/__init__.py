@@ -36,8 +36,8 @@ from ._core import (  # noqa: E402
     BorderedMatrix, band_cholesky, band_cholesky_solve, band_matmul, band_residual_ratio, cho_inverse, cho_solve, cho_solve_banded,
     cholesky, cholesky_banded, cyclic_cholesky, cyclic_cholesky_solve, eigh, establish_numthreads,
     kron_cholesky_solve, kron_lower_substitute, kron_upper_substitute, lstsq, lstsq_min_norm,
-    matmul, residual_ratio, solve, solve_banded, solve_bordered, solve_kronecker, solve_spd,
-    solve_triangular_banded, solveh_banded)
+    matmul, native_threads, residual_ratio, set_native_threads, solve, solve_banded,
+    solve_bordered, solve_kronecker, solve_spd, solve_triangular_banded, solveh_banded)
 from ._errors import (  # noqa: E402
     BorderedSizeError, CallOrderError, CsrError, FactorizationError, KelmatrixError,
     SparseSolverError)

@@ -254,3 +254,29 @@ def test_cluster_solver_on_two_ranks():
     out = subprocess.run(cmd, capture_output=True, text=True, env=env, timeout=300)
     assert out.returncode == 0, out.stdout + out.stderr
     assert out.stdout.count("ok") == 2, out.stdout
+
+
+def test_native_threads_are_on_by_default_and_keep_the_bits():
+    # The package turns the library's own threads on at import unless the environment decided.
+    if "KELMATRIX_NUM_THREADS" not in os.environ:
+        assert km.native_threads() == 0
+    with pytest.raises(ValueError, match="1024"):
+        km.set_native_threads(-1)
+    rng = np.random.default_rng(3)
+    n, bw = 3000, 8
+    ab = np.zeros((bw + 1, n))
+    ab[:bw] = rng.uniform(-1, 1, (bw, n))
+    ab[bw] = 2.0 * bw + 1.0
+    b = rng.uniform(-1, 1, (n, 64))
+    before = km.native_threads()
+    try:
+        results = []
+        for count in (1, 2, 3):
+            km.set_native_threads(count)
+            u, rank = km.band_cholesky(ab, 1e-12)
+            assert rank == n
+            results.append(km.band_cholesky_solve(u, b))
+        for x in results[1:]:
+            assert x.tobytes() == results[0].tobytes()
+    finally:
+        km.set_native_threads(before)
