@@ -11,7 +11,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 steps=("$@")
 [ ${#steps[@]} -eq 0 ] && steps=(campaign tsan valgrind fuzz)
-bash scripts/install-deps.sh valgrind clang libclang-rt-14-dev
+bash scripts/install-deps.sh valgrind clang libclang-rt-14-dev libomp-14-dev
 jobs="$(nproc)"
 export OMP_NUM_THREADS="${OMP_NUM_THREADS:-2}"
 
