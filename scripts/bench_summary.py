@@ -18,7 +18,8 @@ import sys
 
 
 def load(path):
-    if not os.path.exists(path):
+    # A pass whose filter matched no case of an executable leaves an empty file.
+    if not os.path.exists(path) or os.path.getsize(path) == 0:
         return {}
     with open(path) as f:
         data = json.load(f)
