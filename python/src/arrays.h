@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
@@ -53,6 +54,13 @@ int dim(const Array& a, int axis, const char* name = "");
 void copy_in(const Array& a, double* dst, int ld);
 /// Copies rows x cols from src (leading dimension ld) into a, whatever its strides.
 void copy_out(const double* src, int ld, Array& a);
+
+using IntArray = py::array_t<int, 0>;
+/// An int32 index array as the sparse solvers read it: C-contiguous and exactly int32 (the
+/// Python layer converts and range-checks other integer types first), else ValueError.
+IntArray index_array(const ArrayLike& obj, const char* name);
+/// A copy of nnz values (one per stored entry), else ValueError naming the argument.
+std::vector<double> values_of(const ArrayLike& a, py::ssize_t nnz, const char* name);
 
 /// A fresh dense matrix holding a copy of a (1-D: one column).
 std::unique_ptr<KelMatrix> dense_copy(const Array& a);

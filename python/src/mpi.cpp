@@ -14,31 +14,6 @@ namespace kelpy {
 
 namespace {
 
-using IntArray = py::array_t<int, 0>;
-
-IntArray index_array(const ArrayLike& obj, const char* name)
-{
-    if (!py::isinstance<py::array>(obj))
-        value_error(name, "expected a numpy.ndarray of int32");
-    py::array raw = py::reinterpret_borrow<py::array>(obj);
-    if (!raw.dtype().is(py::dtype::of<int>()) || raw.ndim() != 1 ||
-        !(raw.flags() & py::array::c_style))
-        value_error(name, "expected a contiguous 1-D int32 array");
-    return py::reinterpret_borrow<IntArray>(raw);
-}
-
-std::vector<double> values_of(const ArrayLike& a, py::ssize_t nnz, const char* name)
-{
-    Array A = input_array(a, name, 1, 1);
-    if (A.shape(0) != nnz)
-        value_error(name, "expected " + std::to_string(nnz) + " values, got " +
-                              std::to_string(A.shape(0)));
-    std::vector<double> v(static_cast<std::size_t>(nnz));
-    if (nnz > 0)
-        copy_in(A, v.data(), static_cast<int>(nnz));
-    return v;
-}
-
 class ClusterSolver {
 public:
     ClusterSolver(py::object comm_, int n, int first_row, int last_row, const ArrayLike& ia_,

@@ -14,22 +14,6 @@ namespace kelpy {
 
 namespace {
 
-using IntArray = py::array_t<int, 0>;
-
-// An int32 index array as LSMsolver reads it: C-contiguous, exactly int32 (the Python layer
-// converts and range-checks other integer types first).
-IntArray index_array(const ArrayLike& obj, const char* name)
-{
-    if (!py::isinstance<py::array>(obj))
-        value_error(name, "expected a numpy.ndarray of int32");
-    py::array raw = py::reinterpret_borrow<py::array>(obj);
-    if (!raw.dtype().is(py::dtype::of<int>()))
-        value_error(name, "expected dtype int32, got " + py::str(raw.dtype()).cast<std::string>());
-    if (raw.ndim() != 1 || !(raw.flags() & py::array::c_style))
-        value_error(name, "expected a contiguous 1-D array");
-    return py::reinterpret_borrow<IntArray>(raw);
-}
-
 LSMsolver_mattype mattype(int mtype)
 {
     if (mtype != 1 && mtype != 2 && mtype != -2 && mtype != 11)
@@ -45,18 +29,6 @@ py::tuple check_tuple(const LSMsolver_csr_check& c)
 [[noreturn]] void csr_error(const LSMsolver_csr_check& c)
 {
     raise_error("CsrError", check_tuple(c));
-}
-
-std::vector<double> values_of(const ArrayLike& a, py::ssize_t nnz, const char* name)
-{
-    Array A = input_array(a, name, 1, 1);
-    if (A.shape(0) != nnz)
-        value_error(name, "expected " + std::to_string(nnz) +
-                              " values (one per stored entry), got " + std::to_string(A.shape(0)));
-    std::vector<double> v(static_cast<std::size_t>(nnz));
-    if (nnz > 0)
-        copy_in(A, v.data(), static_cast<int>(nnz));
-    return v;
 }
 
 py::tuple check_csr(int n, const ArrayLike& ia_, const ArrayLike& ja_, const ArrayLike& a_,
